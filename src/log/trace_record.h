@@ -29,3 +29,19 @@ inline void trace_word(TraceHandle* handle, unsigned level, const char* code, ui
 }
 
 }  // namespace kemail
+
+// Trace file layout, for the writer and for readers of the file. Offset 0
+// holds the 32-bit write offset in host byte order; the ring runs from
+// offset 4 to the end of the configured size. Records carry no length: a
+// reader finds them by their four-byte markers.
+namespace kemail::trace_format {
+
+constexpr size_t kHeaderSize = 4;
+constexpr size_t kMarkerSize = 4;
+constexpr char kStart[] = "SSSS";
+constexpr char kData[] = "XXXX";
+constexpr char kEnd[] = "EEEE";
+// "SSSS", the 32-bit time of the write, four reserved zero bytes.
+constexpr size_t kRecordHead = 12;
+
+}  // namespace kemail::trace_format

@@ -1,0 +1,82 @@
+#!/bin/bash
+# The project's test command: installs what is missing, builds with warnings
+# as errors and runs every test (real-peer ones included), then builds again
+# with AddressSanitizer and UndefinedBehaviorSanitizer and runs the unit tests
+# once more. Exits non-zero when anything failed.
+# Build directories: $KEMAIL_BUILD_DIR (build) and $KEMAIL_ASAN_BUILD_DIR
+# (build-asan), relative to the repository root.
+set -uo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
+
+build_dir=${KEMAIL_BUILD_DIR:-build}
+asan_dir=${KEMAIL_ASAN_BUILD_DIR:-build-asan}
+jobs=${KEMAIL_JOBS:-2}
+status=0
+summary=()
+passed_total=0
+failed_total=0
+
+step() { printf '\n== %s\n' "$*"; }
+
+# build DIR CMAKE-OPTION...: configure and build; the compiler's output is
+# shown only when something fails.
+build() {
+  local dir=$1 log
+  shift
+  mkdir -p "$dir"
+  log="$dir/build.log"
+  if ! { cmake -S . -B "$dir" -DKEMAIL_TESTS=ON "$@" && cmake --build "$dir" -j "$jobs"; } >"$log" 2>&1; then
+    tail -n 60 "$log"
+    echo "build in $dir failed (whole log: $log)"
+    return 1
+  fi
+  echo "built in $dir"
+}
+
+# run_tests DIR CTEST-OPTION...: ctest with the failures' output; remembers
+# its summary line.
+run_tests() {
+  local dir=$1 log line passed failed
+  shift
+  log="$dir/ctest-summary.log"
+  (cd "$dir" && ctest --output-on-failure -j "$jobs" "$@") | tee "$log"
+  local rc=${PIPESTATUS[0]}
+  line=$(grep -E '^[0-9]+% tests passed' "$log" | tail -n 1)
+  if [ -n "$line" ]; then
+    failed=$(sed -E 's/.* ([0-9]+) tests failed out of ([0-9]+).*/\1/' <<<"$line")
+    passed=$(( $(sed -E 's/.* out of ([0-9]+).*/\1/' <<<"$line") - failed ))
+    passed_total=$((passed_total + passed))
+    failed_total=$((failed_total + failed))
+  else
+    line="no test summary (ctest exit code $rc)"
+  fi
+  summary+=("$dir: $line")
+  return "$rc"
+}
+
+step "dependencies"
+bash scripts/install-deps.sh || exit 1
+echo "all packages present"
+
+step "build ($build_dir, -Wall -Wextra -Werror)"
+if build "$build_dir" -DKEMAIL_SANITIZE=OFF -DKEMAIL_BENCH=ON; then
+  step "tests ($build_dir: every test, real peers included)"
+  run_tests "$build_dir" || status=1
+else
+  summary+=("$build_dir: build failed")
+  status=1
+fi
+
+step "build ($asan_dir, AddressSanitizer + UndefinedBehaviorSanitizer)"
+if build "$asan_dir" -DKEMAIL_SANITIZE=ON -DKEMAIL_BENCH=OFF; then
+  step "tests ($asan_dir: every test but the real-peer ones)"
+  run_tests "$asan_dir" -E '^peers_' || status=1
+else
+  summary+=("$asan_dir: build failed")
+  status=1
+fi
+
+step "summary"
+printf '%s\n' "${summary[@]}"
+echo "tests: $passed_total passed, $failed_total failed"
+exit $status

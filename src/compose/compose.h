@@ -1,0 +1,93 @@
+// Message composition: the header block and text body, Date and Message-Id,
+// ISO-2022-JP and RFC 2047 subjects, base64 attachment parts, message/partial
+// pieces, and the EUC-JP/Shift_JIS converters.
+//
+// Failures: the file writers return -31 (a file cannot be opened), -32 (a read
+// failed) or -33 (a write was short or failed) with errno in the caller's
+// error word; the piece sender passes the transport's result through.
+//
+// Deliberate oddities, each pinned by a test: half-width katakana are never
+// lead bytes (a body of ASCII and katakana is "us-ascii" and goes out 8-bit);
+// every return from JIS X 0208 is ESC ( J; an invalid trail byte maps to the
+// OR of the two bytes, which writes a NUL and ends the converted text; the
+// subject fold may split an ASCII word; the Date of a UTC host ends in -0000;
+// the host-name cache of the Message-Id is filled once per process.
+#pragma once
+
+#include "kemail.h"
+
+#include <cstddef>
+#include <cstdint>
+
+namespace kemail {
+
+// Shift_JIS lead bytes; every other byte (half-width katakana included) is a
+// character of its own.
+inline bool is_sjis_lead(unsigned char byte) {
+    return (byte >= 0x81 && byte <= 0x9F) || (byte >= 0xE0 && byte <= 0xEF);
+}
+
+// snprintf into a buffer of size bytes; returns the length actually stored
+// (cut to size - 1), never the length that would have been needed.
+size_t format_line(char* out, size_t size, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+
+// Writes the whole text (retried on EINTR). A short write goes on with the
+// rest, so that a failure always comes with the errno of the write that could
+// not proceed (EFBIG, ENOSPC ...). False, with errno in *pulErr, on failure.
+bool write_all(int fd, const void* data, size_t length, unsigned int* pulErr);
+
+// write_all, and on failure the trace code at level 0 with the errno word.
+bool write_traced(int fd, const char* text, size_t length, const char* code, unsigned int* pulErr);
+
+// Base64 of length bytes (RFC 4648 alphabet, "=" padding, no line breaks)
+// into out, which needs 4 * ceil(length / 3) + 1 bytes. Returns the number of
+// characters; out is NUL-terminated. The input is never written.
+size_t base64_encode(const unsigned char* in, size_t length, char* out);
+
+// Converts Shift_JIS text to ISO-2022-JP into out of size bytes. Stops before
+// a character that would not fit together with the closing ESC ( J and the
+// NUL, so the output is always a complete, closed text. Returns the bytes
+// written before the NUL (which may include NULs from invalid trail bytes).
+size_t to_iso2022(const char* src, char* out, size_t size);
+
+// The Subject value as SMTP_makeSubject makes it, into out of size bytes.
+// An ASCII subject is cut to fit; an encoded subject keeps only the
+// encoded-words that fit whole.
+void make_subject(const char* subject, char* out, size_t size);
+
+// Hands out the elements of a comma-separated recipient list the way the
+// To lines show them: each element with its terminating comma.
+class RecipientCursor {
+public:
+    explicit RecipientCursor(const char* list) : next_(list ? list : "") {}
+    // Copies the next element (cut to size - 1 bytes) into out; false when
+    // the list has been handed out. last() tells whether the element was the
+    // final one.
+    bool next(char* out, size_t size);
+    bool last() const { return done_; }
+
+private:
+    const char* next_;
+    bool done_ = false;
+};
+
+// The To line of one recipient element: "To: %s\r\n" for the first,
+// four blanks for every further one.
+size_t format_recipient_line(char* out, size_t size, const char* element, bool first);
+
+// Bytes of each recipient element or encoded subject. A longer element is
+// cut to 1039 bytes (its comma goes with the cut part); the next element
+// still starts after that comma. Request records allow 256 bytes in all.
+constexpr size_t kElementBufferSize = 1040;
+
+// Lowercase hexadecimal of length bytes into out (2 * length + 1 bytes).
+void to_hex(const unsigned char* src, size_t length, char* out);
+
+// For tests only: the resolver file that gives the Message-Id its domain
+// (nullptr restores "/etc/resolv.conf"), and emptying the host-name cache so
+// that the next Message-Id looks the name up again.
+void set_resolver_conf_path(const char* path);
+void clear_host_name_cache();
+
+}  // namespace kemail

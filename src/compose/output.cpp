@@ -1,0 +1,81 @@
+// Mechanics shared by the composition functions: bounded line formatting,
+// whole writes to the message file, the recipient list walk and hex text.
+#include "compose/compose.h"
+
+#include "log/trace_record.h"
+#include "util/util.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+namespace kemail {
+
+size_t format_line(char* out, size_t size, const char* format, ...) {
+    if (size == 0) return 0;
+    va_list args;
+    va_start(args, format);
+    const int n = std::vsnprintf(out, size, format, args);
+    va_end(args);
+    if (n < 0) {
+        out[0] = '\0';
+        return 0;
+    }
+    return static_cast<size_t>(n) < size ? static_cast<size_t>(n) : size - 1;
+}
+
+bool write_all(int fd, const void* data, size_t length, unsigned int* pulErr) {
+    const char* p = static_cast<const char*>(data);
+    while (length > 0) {
+        errno = 0;
+        const ssize_t n = retry_on_eintr([&] { return ::write(fd, p, length); });
+        if (n <= 0) {
+            if (pulErr) *pulErr = static_cast<unsigned int>(errno);
+            return false;
+        }
+        p += n;
+        length -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool write_traced(int fd, const char* text, size_t length, const char* code, unsigned int* pulErr) {
+    if (write_all(fd, text, length, pulErr)) return true;
+    trace_word(g_trace, 0, code, *pulErr);
+    return false;
+}
+
+bool RecipientCursor::next(char* out, size_t size) {
+    if (done_ || size == 0) return false;
+    const char* comma = std::strchr(next_, ',');
+    const size_t length = comma ? static_cast<size_t>(comma - next_) + 1 : std::strlen(next_);
+    // An element longer than the buffer is cut; the walk still resumes after
+    // its comma, so the following elements are not disturbed.
+    const size_t kept = length < size ? length : size - 1;
+    std::memcpy(out, next_, kept);
+    out[kept] = '\0';
+    if (comma) {
+        next_ = comma + 1;
+    } else {
+        done_ = true;
+    }
+    return true;
+}
+
+size_t format_recipient_line(char* out, size_t size, const char* element, bool first) {
+    return first ? format_line(out, size, "To: %s\r\n", element)
+                 : format_line(out, size, "    %s\r\n", element);
+}
+
+void to_hex(const unsigned char* src, size_t length, char* out) {
+    static const char kDigits[] = "0123456789abcdef";
+    for (size_t i = 0; i < length; ++i) {
+        *out++ = kDigits[src[i] >> 4];
+        *out++ = kDigits[src[i] & 0x0F];
+    }
+    *out = '\0';
+}
+
+}  // namespace kemail

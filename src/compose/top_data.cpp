@@ -1,0 +1,237 @@
+// The first half of a composed message: the header block and the text part.
+#include "compose/compose.h"
+
+#include "log/trace_record.h"
+#include "smtp/smtp_buffers.h"
+#include "util/unique_fd.h"
+#include "util/util.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace kemail {
+namespace {
+
+// The charset scan reads blocks of 1028 bytes and looks at each block up to
+// its first NUL, so the block size decides which bytes are seen.
+constexpr size_t kScanBlockSize = 1028;
+
+// A source line is cut after 1024 bytes without CR LF (1025 when the cut
+// would split a Shift_JIS character); with the CR LF added and the NUL it
+// fills the 1028-byte read buffer exactly.
+constexpr size_t kLineCut = 1024;
+
+// Reads the body file byte by byte, as the line rules need, from a block
+// buffer (the file is private to the call, so reading ahead is invisible).
+class ByteReader {
+public:
+    explicit ByteReader(int fd) : fd_(fd) {}
+    // 1: a byte; 0: end of file; -1: read error (errno set).
+    int next(char* byte) {
+        if (pos_ == len_) {
+            const ssize_t n = retry_on_eintr([&] { return ::read(fd_, buf_, sizeof buf_); });
+            if (n <= 0) return n == 0 ? 0 : -1;
+            len_ = static_cast<size_t>(n);
+            pos_ = 0;
+        }
+        *byte = buf_[pos_++];
+        return 1;
+    }
+
+private:
+    int fd_;
+    char buf_[4096];
+    size_t pos_ = 0;
+    size_t len_ = 0;
+};
+
+// Looks for a Shift_JIS lead byte. 1: found; 0: none; -1: read error.
+int scan_for_lead_byte(int body, unsigned int* pulErr) {
+    char block[kScanBlockSize + 1];
+    lseek(body, 0, SEEK_SET);
+    for (;;) {
+        const ssize_t n = retry_on_eintr([&] { return ::read(body, block, kScanBlockSize); });
+        if (n < 0) {
+            *pulErr = static_cast<unsigned int>(errno);
+            trace_word(g_trace, 0, "smtp0650", *pulErr);
+            return -1;
+        }
+        if (n == 0) {
+            trace(g_trace, 2, "smtp0651");
+            return 0;
+        }
+        block[n] = '\0';
+        // Kept: a block is examined up to its first NUL only, and half-width
+        // katakana never count (test TopData.KatakanaOnlyBodyIsUsAscii).
+        for (const unsigned char* p = reinterpret_cast<unsigned char*>(block); *p; ++p) {
+            if (is_sjis_lead(*p)) {
+                trace(g_trace, 2, "smtp0652");
+                return 1;
+            }
+        }
+    }
+}
+
+enum class Pair { Plain, LeadSeen, Complete };
+
+// Reads one output line into s_szRecvBuf (NUL-terminated). Returns its
+// length (0 at end of file) or -1 on a read error.
+long read_body_line(ByteReader& reader) {
+    size_t n = 0;
+    Pair state = Pair::Plain;
+    for (;;) {
+        char byte;
+        int got = reader.next(&byte);
+        if (got < 0) return -1;
+        if (got == 0) break;
+        s_szRecvBuf[n++] = byte;
+        if (n >= 2 && s_szRecvBuf[n - 2] == '\r' && s_szRecvBuf[n - 1] == '\n') break;
+        if (state == Pair::LeadSeen) {
+            state = Pair::Complete;
+        } else {
+            state = is_sjis_lead(static_cast<unsigned char>(byte)) ? Pair::LeadSeen : Pair::Plain;
+        }
+        // Kept: the count includes a CR still waiting for its LF, so 1023
+        // bytes and CR LF come out as the bytes, CR, CR LF, and the LF starts
+        // the next line (test TopData.LineOf1023BytesSplitsItsCrLf).
+        if (n >= kLineCut) {
+            if (state == Pair::LeadSeen) {
+                got = reader.next(&byte);
+                if (got < 0) return -1;
+                if (got > 0) s_szRecvBuf[n++] = byte;
+            }
+            s_szRecvBuf[n++] = '\r';
+            s_szRecvBuf[n++] = '\n';
+            break;
+        }
+    }
+    s_szRecvBuf[n] = '\0';
+    return static_cast<long>(n);
+}
+
+// Converts the line in s_szRecvBuf into s_szSendBuf and returns the length to
+// write. Kept: the line is a C string here, so a NUL in the body (or the NUL
+// that an invalid trail byte converts to) ends the line's text there, its
+// CR LF included (test TopData.NulEndsTheLineText).
+size_t convert_body_line(bool japanese) {
+    if (japanese) {
+        to_iso2022(s_szRecvBuf, s_szSendBuf, sizeof s_szSendBuf);
+        return std::strlen(s_szSendBuf);
+    }
+    return format_line(s_szSendBuf, sizeof s_szSendBuf, "%s%s", s_szRecvBuf[0] == '.' ? "." : "",
+                       s_szRecvBuf);
+}
+
+int write_text_part(int fd, const char* body_path, unsigned int* pulErr) {
+    UniqueFd body(retry_on_eintr([&] { return ::open(body_path, O_RDONLY | O_CLOEXEC); }));
+    if (!body.valid()) {
+        *pulErr = static_cast<unsigned int>(errno);
+        trace_word(g_trace, 0, "smtp0645", *pulErr);
+        return -31;
+    }
+    const int japanese = scan_for_lead_byte(body.get(), pulErr);
+    if (japanese < 0) return -32;
+
+    size_t n = format_line(s_szSendBuf, sizeof s_szSendBuf, "Content-Type: text/plain; charset=\"%s\"\r\n",
+                           japanese ? "ISO-2022-JP" : "us-ascii");
+    trace_text(g_trace, 2, japanese ? "smtp0653" : "smtp0654", s_szSendBuf);
+    if (!write_traced(fd, s_szSendBuf, n, "smtp0655", pulErr)) return -33;
+    if (!write_traced(fd, "\r\n", 2, "smtp0660", pulErr)) return -33;
+
+    lseek(body.get(), 0, SEEK_SET);
+    ByteReader reader(body.get());
+    for (;;) {
+        const long length = read_body_line(reader);
+        if (length < 0) {
+            *pulErr = static_cast<unsigned int>(errno);
+            trace_word(g_trace, 0, "smtp0660", *pulErr);
+            return -32;
+        }
+        if (length == 0) break;
+        n = convert_body_line(japanese != 0);
+        if (!write_traced(fd, s_szSendBuf, n, "smtp0665", pulErr)) return -33;
+    }
+    body.reset();
+    // Ends a last line that had no CR LF; after one that had, an empty line.
+    if (!write_traced(fd, "\r\n", 2, "smtp0670", pulErr)) return -33;
+    trace(g_trace, 1, "smtp06FF");
+    return 0;
+}
+
+}  // namespace
+}  // namespace kemail
+
+using namespace kemail;
+
+extern "C" KEMAIL_API int SMTP_makeTopData(int lFile, const char* pszBodyPath, const char* pszFrom,
+                                           const char* pszTo, const char* pszSubject,
+                                           char* pszBoundary, int lMultipart, int lPartial,
+                                           unsigned int* pulErr) {
+    unsigned int local_err = 0;
+    if (pulErr == nullptr) pulErr = &local_err;
+    *pulErr = 0;
+    trace(g_trace, 1, "smtp0600");
+    lseek(lFile, 0, SEEK_SET);
+
+    // Holds each recipient element, then the encoded subject.
+    char element[kElementBufferSize] = {};
+    size_t n;
+    if (lPartial == 0) {
+        trace(g_trace, 2, "smtp0601");
+        char date[KEMAIL_DATE_SIZE];
+        SMTP_makeDate(date);
+        n = format_line(s_szSendBuf, sizeof s_szSendBuf, "Date: %s\r\n", date);
+        if (!write_traced(lFile, s_szSendBuf, n, "smtp0605", pulErr)) return -33;
+        n = format_line(s_szSendBuf, sizeof s_szSendBuf, "From: %s\r\n", pszFrom ? pszFrom : "");
+        if (!write_traced(lFile, s_szSendBuf, n, "smtp0610", pulErr)) return -33;
+        RecipientCursor recipients(pszTo);
+        for (bool first = true; recipients.next(element, sizeof element); first = false) {
+            n = format_recipient_line(s_szSendBuf, sizeof s_szSendBuf, element, first);
+            if (!write_traced(lFile, s_szSendBuf, n, "smtp0615", pulErr)) return -33;
+        }
+        trace(g_trace, 2, "smtp0616");
+    }
+
+    if (pszSubject != nullptr) {
+        trace(g_trace, 2, "smtp0617");
+        trace_text(g_trace, 2, "smtp0617-1", pszSubject);
+        trace_text(g_trace, 2, "smtp0617-2", element);
+        make_subject(pszSubject, element, sizeof element);
+        trace_text(g_trace, 2, "smtp0617-3", pszSubject);
+        trace_text(g_trace, 2, "smtp0617-4", element);
+    } else {
+        trace(g_trace, 2, "smtp0618");
+        element[0] = '\0';
+    }
+    n = format_line(s_szSendBuf, sizeof s_szSendBuf, "Subject: %s\r\n", element);
+    trace_text(g_trace, 2, "smtp0619", s_szSendBuf);
+    if (!write_traced(lFile, s_szSendBuf, n, "smtp0620", pulErr)) return -33;
+
+    trace(g_trace, 2, "smtp0621");
+    char message_id[KEMAIL_MSGID_SIZE];
+    SMTP_MakeMsgId(message_id);
+    if (!write_traced(lFile, message_id, std::strlen(message_id), "smtp0623", pulErr)) return -33;
+    static const char kMimeVersion[] = "MIME-Version: 1.0\r\n";
+    if (!write_traced(lFile, kMimeVersion, sizeof kMimeVersion - 1, "smtp0625", pulErr)) return -33;
+
+    if (lMultipart == 1) {
+        trace(g_trace, 2, "smtp0626");
+        char own_boundary[KEMAIL_BOUNDARY_SIZE];
+        char* boundary = pszBoundary ? pszBoundary : own_boundary;
+        SMTP_makeBoundary(boundary);
+        n = format_line(s_szSendBuf, sizeof s_szSendBuf,
+                        "Content-Type: multipart/mixed; boundary=\"%s\"\r\n", boundary);
+        if (!write_traced(lFile, s_szSendBuf, n, "smtp0630", pulErr)) return -33;
+        // The leading CR LF is the empty line that ends the message header.
+        n = format_line(s_szSendBuf, sizeof s_szSendBuf, "\r\n--%s\r\n", boundary);
+        if (!write_traced(lFile, s_szSendBuf, n, "smtp0635", pulErr)) return -33;
+    }
+
+    if (pszBodyPath == nullptr) {
+        trace(g_trace, 2, "smtp0640");
+        return 0;
+    }
+    return write_text_part(lFile, pszBodyPath, pulErr);
+}

@@ -1,0 +1,127 @@
+// Opening and closing the mail log: one text file per process, framed per
+// session by a banner and an END line, rotated by size into numbered
+// generations when it is opened, never during a session.
+#include "log/log.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include <unistd.h>
+
+namespace kemail {
+
+namespace {
+
+constexpr uint32_t kDefaultLogSizeKb = 20;
+constexpr uint32_t kDefaultLogCount = 20;
+// A file this close to its limit is rotated instead of appended to.
+constexpr long kRotateMargin = 500;
+// Longer current paths leave no room for a generation number.
+constexpr size_t kRotatePathLimit = 1022;
+
+void read_log_config(MailLogHandle* handle) {
+    handle->log_size = kDefaultLogSizeKb;
+    handle->log_num = kDefaultLogCount;
+    ProfileHandle* profile = Com_OpenPrivateProfile(KEMAIL_TRACE_CONF, 0);
+    if (!profile) return;
+    const uint32_t size = static_cast<uint32_t>(Com_GetPrivateProfileInt(
+        profile, "LOG", "LOGSIZE", static_cast<int>(kDefaultLogSizeKb), KEMAIL_TRACE_CONF));
+    const uint32_t count = static_cast<uint32_t>(Com_GetPrivateProfileInt(
+        profile, "LOG", "LOGNUM", static_cast<int>(kDefaultLogCount), KEMAIL_TRACE_CONF));
+    Com_ClosePrivateProfile(profile, KEMAIL_TRACE_CONF);
+    if (size >= 10 && size <= 100) handle->log_size = size;
+    if (count == 0 || (count >= 5 && count <= 100)) handle->log_num = count;
+}
+
+// Shifts path1 .. path(count-2) up by one and makes the current file path1;
+// the oldest generation, count - 1, is overwritten by its predecessor.
+void rotate_generations(const char* path, uint32_t count) {
+    if (std::strlen(path) >= kRotatePathLimit) {
+        FileDelete(path);
+        return;
+    }
+    char older[KEMAIL_PATH_MAX + 16];
+    char newer[KEMAIL_PATH_MAX + 16];
+    for (long n = static_cast<long>(count) - 2; n >= 1; --n) {
+        std::snprintf(older, sizeof older, "%s%ld", path, n);
+        if (FileSize_Name(older) < 0) continue;
+        std::snprintf(newer, sizeof newer, "%s%ld", path, n + 1);
+        RenameFile(older, newer);
+    }
+    std::snprintf(newer, sizeof newer, "%s1", path);
+    RenameFile(path, newer);
+}
+
+// "YYYY/MM/DD HH:MM:SS" of the local time now.
+void format_date_time(char* out, size_t size) {
+    const time_t now = time(nullptr);
+    struct tm local = {};
+    localtime_r(&now, &local);
+    std::snprintf(out, size, "%04d/%02d/%02d %02d:%02d:%02d", local.tm_year + 1900,
+                  local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+}
+
+void write_text(int fd, const char* text) { FileWrite(fd, text, std::strlen(text)); }
+
+}  // namespace
+
+}  // namespace kemail
+
+using namespace kemail;
+
+extern "C" {
+
+KEMAIL_API MailLogHandle* MailLogOpen(unsigned int /*ulUnused*/) {
+    MailLogHandle* handle = static_cast<MailLogHandle*>(std::calloc(1, sizeof(MailLogHandle)));
+    if (!handle) return nullptr;
+    read_log_config(handle);
+    if (handle->log_num == 0) {
+        std::free(handle);
+        return nullptr;
+    }
+    std::snprintf(handle->path, sizeof handle->path, "%s/kesmtp%d.log", KEMAIL_LOG_DIR,
+                  static_cast<int>(getpid()));
+
+    uint32_t keep = handle->log_num;
+    int truncate = 1;
+    const long current_size = FileSize_Name(handle->path);
+    if (current_size >= 0) {
+        if (current_size < static_cast<long>(handle->log_size) * 1024 - kRotateMargin) {
+            truncate = 0;
+            keep = handle->log_num + 1;
+        } else {
+            rotate_generations(handle->path, handle->log_num);
+        }
+    }
+    // Counts the logs of every process and generation alike.
+    DeleteOldFiles_DIR(KEMAIL_LOG_DIR, "kesmtp", "log", keep, 1);
+
+    handle->fd = FileOpen2(handle->path, truncate);
+    if (handle->fd < 0) {
+        std::free(handle);
+        return nullptr;
+    }
+    char stamp[80];
+    format_date_time(stamp, sizeof stamp);
+    char banner[128];
+    std::snprintf(banner, sizeof banner, "%s [%d] NQ-Agent E-Mail\r\n", stamp,
+                  static_cast<int>(getpid()));
+    write_text(handle->fd, banner);
+    return handle;
+}
+
+KEMAIL_API int MailLogClose(MailLogHandle* pHandle) {
+    if (!pHandle) return 0;
+    char stamp[80];
+    format_date_time(stamp, sizeof stamp);
+    char end_line[96];
+    std::snprintf(end_line, sizeof end_line, "%s END\r\n\r\n", stamp);
+    write_text(pHandle->fd, end_line);
+    FileClose(pHandle->fd);
+    std::free(pHandle);
+    return 0;
+}
+
+}  // extern "C"

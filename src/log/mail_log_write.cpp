@@ -1,0 +1,96 @@
+// Event lines of the mail log: the protocol lines sent and received, failed
+// system calls and time-outs, each with the time of day. Every write goes
+// straight to the file, unbuffered; its result is ignored, since the log
+// never stops a send.
+#include "log/log.h"
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+namespace kemail {
+
+namespace {
+
+const char* kind_tag(int kind) {
+    switch (kind) {
+    case KEMAIL_LOG_SENT: return "S:";
+    case KEMAIL_LOG_RECEIVED: return "R:";
+    default: return "-:";
+    }
+}
+
+// Room for a note's fixed part plus up to 1024 bytes of extra text.
+constexpr size_t kNoteSize = 2200;
+constexpr size_t kExtraMax = 1024;
+
+// Ends a note with the extra text, or drops its trailing blank without one.
+void finish_note(char* note, const char* extra) {
+    const size_t length = std::strlen(note);
+    if (extra) {
+        std::snprintf(note + length, kNoteSize - length, "%.*s", static_cast<int>(kExtraMax), extra);
+    } else if (length > 0 && note[length - 1] == ' ') {
+        note[length - 1] = '\0';
+    }
+}
+
+// Writes one event line: time prefix, kind tag, text and, unless the text
+// already ends with CR LF, a CR LF.
+void write_line(MailLogHandle* handle, int kind, const char* text) {
+    const time_t now = time(nullptr);
+    struct tm local = {};
+    localtime_r(&now, &local);
+    char prefix[64];
+    const int prefix_length = std::snprintf(prefix, sizeof prefix, "%02d:%02d:%02d %s ",
+                                            local.tm_hour, local.tm_min, local.tm_sec,
+                                            kind_tag(kind));
+    if (prefix_length > 0) FileWrite(handle->fd, prefix, static_cast<size_t>(prefix_length));
+    const size_t length = std::strlen(text);
+    FileWrite(handle->fd, text, length);
+    if (length > 1 && text[length - 2] == '\r' && text[length - 1] == '\n') return;
+    FileWrite(handle->fd, "\r\n", 2);
+}
+
+}  // namespace
+
+}  // namespace kemail
+
+extern "C" {
+
+KEMAIL_API int MailLogWrite(MailLogHandle* pHandle, int lKind, const char* pszText) {
+    if (lKind < KEMAIL_LOG_SENT || lKind > KEMAIL_LOG_NOTE) return -1;
+    if (!pHandle || !pszText) return -1;
+    kemail::write_line(pHandle, lKind, pszText);
+    return 0;
+}
+
+KEMAIL_API int MailLogSysErrWrite(MailLogHandle* pHandle, const char* pszFunc, int lResult,
+                                  long lErrno, const char* pszExtra) {
+    if (!pHandle || !pszFunc) return -1;
+    char note[kemail::kNoteSize];
+    std::snprintf(note, sizeof note, "ERROR: func=%.1024s code=%d detail=%ld ", pszFunc, lResult,
+                  lErrno);
+    kemail::finish_note(note, pszExtra);
+    kemail::write_line(pHandle, KEMAIL_LOG_NOTE, note);
+    return 0;
+}
+
+KEMAIL_API int MailLogTimeOutWrite(MailLogHandle* pHandle, int lSeconds, int lKind,
+                                   const char* pszExtra) {
+    if (!pHandle) return -1;
+    const char* protocol;
+    if (lKind == 1) {
+        protocol = "SMTP";
+    } else if (lKind == 2) {
+        protocol = "POP";
+    } else {
+        return -1;
+    }
+    char note[kemail::kNoteSize];
+    std::snprintf(note, sizeof note, "ERROR: %s TIMEOUT (timer=%d) ", protocol, lSeconds);
+    kemail::finish_note(note, pszExtra);
+    kemail::write_line(pHandle, KEMAIL_LOG_NOTE, note);
+    return 0;
+}
+
+}  // extern "C"

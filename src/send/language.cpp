@@ -1,0 +1,105 @@
+// Which Japanese encoding the caller's text is in, told by the process locale,
+// and the EUC-JP to Shift_JIS conversion of subject and text.
+#include "send/send_internal.h"
+
+#include "log/trace_record.h"
+#include "util/unique_fd.h"
+
+#include <clocale>
+#include <cstdlib>
+#include <cstring>
+
+namespace kemail {
+namespace {
+
+// Scratch room for one piece of the usual length; longer pieces (a text
+// without CR LF is one piece of up to 10,238 bytes) get a heap block.
+constexpr size_t kPieceScratchSize = 1029;
+
+enum class Match { None, Exact, IgnoringCase };
+
+Match find_in_table(const LangInfo* table, const char* locale) {
+    for (const LangInfo* row = table; row->ulKind != 0; ++row) {
+        if (row->ulKind == 2) {
+            if (CheckString_NotUpLow(locale, row->szName) == 0) return Match::IgnoringCase;
+        } else if (std::strcmp(locale, row->szName) == 0) {
+            return Match::Exact;
+        }
+    }
+    return Match::None;
+}
+
+}  // namespace
+
+Language detect_language() {
+    trace(g_trace, 1, "GETLANG0000");
+    const char* locale = std::setlocale(LC_ALL, nullptr);
+    if (locale == nullptr) {
+        trace(g_trace, 0, "GETLANG0010");
+        return kLanguageUnknown;
+    }
+    switch (find_in_table(stEucLangInfo, locale)) {
+        case Match::IgnoringCase: trace(g_trace, 2, "GETLANG0020"); return kLanguageEucJp;
+        case Match::Exact: trace(g_trace, 2, "GETLANG0015"); return kLanguageEucJp;
+        case Match::None: break;
+    }
+    switch (find_in_table(stSjisLangInfo, locale)) {
+        case Match::IgnoringCase: trace(g_trace, 2, "GETLANG0030"); return kLanguageShiftJis;
+        case Match::Exact: trace(g_trace, 2, "GETLANG0025"); return kLanguageShiftJis;
+        case Match::None: break;
+    }
+    trace_text(g_trace, 1, "GETLANGFFFF", locale);
+    return kLanguageUnknown;
+}
+
+// Kept: CHANGE0010 and CHANGE0020 are also records of the code changer, with
+// other meanings (test LineConverter.NoConverterLeavesDestinationEmpty).
+int convert_lines(iconv_t converter, const char* source, char* dest, size_t dest_size) {
+    trace(g_trace, 1, "CHANGE0000");
+    if (converter == reinterpret_cast<iconv_t>(-1)) {
+        trace(g_trace, 0, "CHANGE0010");
+        return -1;
+    }
+    if (dest_size == 0) return -1;
+
+    const size_t source_length = std::strlen(source);
+    char small_scratch[kPieceScratchSize];
+    UniqueMalloc<char> large_scratch;
+    char* scratch = small_scratch;
+    if (source_length + 1 > sizeof small_scratch) {
+        large_scratch.reset(static_cast<char*>(std::malloc(source_length + 1)));
+        scratch = large_scratch.get();
+    }
+
+    size_t used = 0;
+    int result = 0;
+    unsigned out_length = 0;
+    const char* piece = source;
+    const char* const end = source + source_length;
+    while (scratch != nullptr && piece < end) {
+        const char* crlf = std::strstr(piece, "\r\n");
+        const size_t length = crlf ? static_cast<size_t>(crlf + 2 - piece)
+                                   : static_cast<size_t>(end - piece);
+        std::memcpy(scratch, piece, length);
+        scratch[length] = '\0';
+        out_length = 0;
+        result = Cnv_euctosjis(converter, static_cast<unsigned>(length), scratch,
+                               static_cast<unsigned>(dest_size - 1 - used), dest + used,
+                               &out_length);
+        if (result < 0) break;
+        used += out_length;
+        piece += length;
+    }
+    if (scratch == nullptr || result < 0) {
+        trace_word(g_trace, 0, "CHANGE0020", static_cast<uint32_t>(scratch ? result : -1));
+        trace_text(g_trace, 0, "CHANGE0021", source);
+        trace_data(g_trace, 0, "CHANGE0022", dest, used);
+        trace_word(g_trace, 0, "CHANGE0023", out_length);
+        copy_cut(dest, dest_size, source);
+        return -1;
+    }
+    dest[used] = '\0';
+    return static_cast<int>(used);
+}
+
+}  // namespace kemail

@@ -1,0 +1,65 @@
+// ZvKe_SendEMail: one send at a time per process, bracketed by the "acert"
+// trace file and the mail log.
+#include "kemail.h"
+
+#include "log/trace_record.h"
+#include "util/paths.h"
+
+#include <atomic>
+#include <cstdio>
+
+namespace {
+
+// The exported busy word, taken with one atomic exchange so that a caller
+// racing another one is answered -9 instead of slipping in beside it.
+bool take_busy_flag() {
+    uint32_t idle = 0;
+    return std::atomic_ref<uint32_t>(g_ulSendBusy)
+        .compare_exchange_strong(idle, 1, std::memory_order_acquire);
+}
+
+void release_busy_flag() {
+    std::atomic_ref<uint32_t>(g_ulSendBusy).store(0, std::memory_order_release);
+}
+
+}  // namespace
+
+extern "C" {
+
+KEMAIL_API int ZvKe_SendEMail(MailAddressInfo* pstAddress, int lAddressCount,
+                              MailContentInfo* pstContent, int lContentCount,
+                              const char* pszFrom, const char* pszSubject, const char* pszServer,
+                              unsigned int ulSplit, SendOptionInfo* pstOption,
+                              MailTimeoutInfo* pstTimeout, MailAuthInfo* pstAuth,
+                              char* pszMessage) {
+    if (!take_busy_flag()) return KEMAIL_E_BUSY;
+    g_trace = nullptr;
+    g_pLogHandle = nullptr;
+
+    unsigned int size_kb = 5, level = 1, keep = 5;
+    GetTraceInfo("ACERT", 0, &size_kb, &level, &keep);
+    DeleteOldFiles(0, "acert", keep, level);
+    char trace_name[KEMAIL_TRACE_NAME_SIZE] = {};
+    MakeTraceFileName(trace_name, 0, "acert", level);
+    g_trace = Topen(trace_name, size_kb, level);
+    kemail::trace(g_trace, 1, "SNDEMAIL0000");
+
+    char temp_dir[KEMAIL_TRACE_NAME_SIZE] = {};
+    std::snprintf(temp_dir, sizeof temp_dir, "%s/tmp", KEMAIL_VAR_DIR);
+    g_pLogHandle = MailLogOpen(0);
+
+    const int result = ZvKe_SendEMailPartial_parts(
+        0, pstAddress, lAddressCount, pstContent, lContentCount, pszFrom, pszSubject, pszServer,
+        ulSplit, pstOption, pstTimeout, pstAuth, pszMessage, temp_dir);
+
+    kemail::trace_word(g_trace, 1, "ACERTFFFF", static_cast<uint32_t>(result));
+    Tclose(g_trace);
+    MailLogClose(g_pLogHandle);
+    // The handles are freed: nothing may trace or log through them any more.
+    g_trace = nullptr;
+    g_pLogHandle = nullptr;
+    release_busy_flag();
+    return result;
+}
+
+}  // extern "C"

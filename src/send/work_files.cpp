@@ -1,0 +1,106 @@
+// Work-file names and lifetime, and the staging of the caller's text in the
+// "EMT" work file with CR LF line ends.
+#include "send/send_internal.h"
+
+#include "log/trace_record.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cstring>
+
+namespace kemail {
+
+int make_work_file_name(char (&out)[kWorkPathSize], const char* dir, const char* prefix) {
+    trace(g_trace, 1, "MKTMP0000");
+    // The thread id is printed as a signed number, as in the trace file names,
+    // so that the threads of one process never share a work file.
+    if (!format_path(out, "%s/%s%d-%d", dir, prefix, static_cast<int>(getpid()),
+                     static_cast<int>(pthread_self()))) {
+        trace_text(g_trace, 0, "MKTMP0020", dir);
+        return -1;
+    }
+    FileDelete(out);
+    trace(g_trace, 1, "MKTMPFFFF");
+    return 0;
+}
+
+void WorkFile::close() {
+    if (fd_ >= 0) FileClose(fd_);
+    fd_ = -1;
+}
+
+void WorkFile::remove() {
+    close();
+    if (path_[0] != '\0') FileDelete(path_);
+    path_[0] = '\0';
+}
+
+namespace {
+
+// Writes all bytes; false with the error number in *file_err otherwise.
+bool write_all(int fd, const char* bytes, size_t length, unsigned* file_err) {
+    if (FileWrite(fd, bytes, length) == static_cast<long>(length)) return true;
+    const int error = GetErrorCode();
+    *file_err = static_cast<unsigned>(error);
+    return false;
+}
+
+// Traces a failed write with its pair of codes; the caller cleans up.
+int staging_write_failed(WorkFile& file, const char* code, const char* error_code,
+                         unsigned file_err) {
+    trace(g_trace, 0, code);
+    trace_word(g_trace, 0, error_code, file_err);
+    file.remove();
+    return -3;
+}
+
+}  // namespace
+
+int stage_text(WorkFile& file, const char* temp_dir, const char* text, unsigned* file_err) {
+    *file_err = 0;
+    trace(g_trace, 1, "MEMDATA0000");
+    if (make_work_file_name(file.path(), temp_dir, "EMT") != 0) {
+        trace(g_trace, 0, "MEMDATA0010");
+        return -3;
+    }
+    const int fd = FileOpen(file.c_path());
+    if (fd < 0) {
+        *file_err = static_cast<unsigned>(GetErrorCode());
+        trace_word(g_trace, 0, "MEMDATA0020", static_cast<uint32_t>(fd));
+        trace_word(g_trace, 0, "MEMDATA0021", *file_err);
+        file.path()[0] = '\0';  // not ours: it could not be made
+        return -3;
+    }
+    file.set_fd(fd);
+
+    if (text != nullptr) {
+        const char* line = text;
+        while (const char* lf = std::strchr(line, '\n')) {
+            size_t length = static_cast<size_t>(lf - line);
+            if (length > 0 && line[length - 1] == '\r') {
+                --length;
+                trace(g_trace, 2, "MEMDATA0050");
+            }
+            if (length > 0) {
+                trace_data(g_trace, 2, "MEMDATA0060", line, length);
+                if (!write_all(fd, line, length, file_err))
+                    return staging_write_failed(file, "MEMDATA0070", "MEMDATA0080", *file_err);
+            }
+            if (!write_all(fd, "\r\n", 2, file_err))
+                return staging_write_failed(file, "MEMDATA0090", "MEMDATA0100", *file_err);
+            line = lf + 1;
+        }
+        const size_t rest = std::strlen(line);
+        if (rest > 0 && !write_all(fd, line, rest, file_err))
+            return staging_write_failed(file, "MEMDATA0140", "MEMDATA0150", *file_err);
+    }
+    trace(g_trace, 2, "MEMDATA0200");
+    if (!write_all(fd, "\r\n", 2, file_err))
+        return staging_write_failed(file, "MEMDATA0210", "MEMDATA0220", *file_err);
+    file.close();
+    trace(g_trace, 1, "MEMDATAFFFF");
+    return 0;
+}
+
+}  // namespace kemail

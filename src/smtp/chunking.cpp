@@ -1,0 +1,219 @@
+// Cutting the staged message into chunks for message/partial pieces. A chunk
+// ends at a line end and never separates a MIME part's header block from
+// the first line of its body.
+#include "kemail.h"
+#include "log/trace_record.h"
+#include "smtp/smtp.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include <unistd.h>
+
+using kemail::trace;
+using kemail::trace_word;
+using namespace kemail::smtp;
+
+namespace {
+
+constexpr int kLineSize = 1024;
+
+// Reads until `want` bytes are in or the file ends; -1 on a read error.
+ssize_t read_fully(int fd, char* dst, size_t want) {
+    size_t got = 0;
+    while (got < want) {
+        const ssize_t n = read(fd, dst + got, want - got);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return -1;
+        }
+        if (n == 0) break;
+        got += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(got);
+}
+
+// One byte; 1, 0 at the end of the file, -1 on an error.
+ssize_t read_byte(int fd, char* dst) {
+    for (;;) {
+        const ssize_t n = read(fd, dst, 1);
+        if (n >= 0 || errno != EINTR) return n;
+    }
+}
+
+// Appends whole lines read from the file to dest, at most `room` bytes: with
+// count 0 one line, with count 1 up to and including the next empty line and
+// one line more. `before` holds the two bytes that precede dest (oldest
+// first), so that a line end or an empty line that begins at dest is seen.
+// Returns the bytes appended or -32 (errno in pulErr).
+int append_lines(int fd, char* dest, size_t room, int count, const char before[2],
+                 unsigned int* pulErr) {
+    char two_back = before[0];
+    char one_back = before[1];
+    size_t appended = 0;
+    while (appended < room) {
+        char byte;
+        const ssize_t n = read_byte(fd, &byte);
+        if (n < 0) {
+            *pulErr = static_cast<unsigned int>(errno);
+            trace_word(g_trace, 0, "smtp1210", *pulErr);
+            return kFileError;
+        }
+        if (n == 0) {
+            trace(g_trace, 2, "smtp1211");
+            break;
+        }
+        dest[appended++] = byte;
+        if (one_back == '\r' && byte == '\n') {
+            if (count == 0) break;
+            if (two_back == '\n') --count;  // the line that just ended was empty
+        }
+        two_back = one_back;
+        one_back = byte;
+    }
+    return static_cast<int>(appended);
+}
+
+bool ends_with_crlf(const char* buf, size_t length) {
+    return length >= 2 && buf[length - 2] == '\r' && buf[length - 1] == '\n';
+}
+
+}  // namespace
+
+extern "C" {
+
+// The buffer holds lSizeKb x 1024 bytes: (lSizeKb - 1) KiB are read at once,
+// the last KiB is the reserve into which the chunk is extended to its next
+// line end and, at a MIME part boundary, to the part's first body line. The
+// chunk never runs past the buffer: a longer line is cut at the buffer's end
+// and goes on in the next chunk. The result is the chunk's length; a NUL
+// follows it.
+KEMAIL_API int SMTP_getSendData(int lFile, char* pBuf, int lSizeKb, const char* pszBoundary,
+                                unsigned int* pulErr) {
+    unsigned int scratch = 0;
+    if (!pulErr) pulErr = &scratch;
+    if (!pBuf || lSizeKb < 2 || lSizeKb > INT_MAX / 1024) {
+        *pulErr = EINVAL;
+        trace_word(g_trace, 0, "smtp1010", *pulErr);
+        return kFileError;
+    }
+    const size_t capacity = static_cast<size_t>(lSizeKb) * 1024;
+    const size_t limit = capacity - 1;  // room for the NUL
+    const size_t wanted = capacity - 1024;
+
+    const ssize_t got = read_fully(lFile, pBuf, wanted);
+    if (got < 0) {
+        *pulErr = static_cast<unsigned int>(errno);
+        trace_word(g_trace, 0, "smtp1010", *pulErr);
+        return kFileError;
+    }
+    if (static_cast<size_t>(got) < wanted) {
+        trace(g_trace, 2, "smtp1011");
+        pBuf[got] = '\0';
+        return static_cast<int>(got);
+    }
+
+    size_t count = wanted;
+    while (!ends_with_crlf(pBuf, count) && count < limit) {
+        const ssize_t n = read_byte(lFile, pBuf + count);
+        if (n < 0) {
+            *pulErr = static_cast<unsigned int>(errno);
+            trace_word(g_trace, 0, "smtp1020", *pulErr);
+            return kFileError;
+        }
+        if (n == 0) {
+            trace(g_trace, 2, "smtp1021");
+            pBuf[count] = '\0';
+            return static_cast<int>(count);
+        }
+        ++count;
+    }
+
+    auto finish = [&](size_t length) {
+        pBuf[length] = '\0';
+        return static_cast<int>(length);
+    };
+    if (!pszBoundary || !*pszBoundary) {
+        trace(g_trace, 2, "smtp1030");
+        return finish(count);
+    }
+
+    // Walk the lines back from the chunk's end to the last boundary line.
+    char line[kLineSize];
+    int end = static_cast<int>(count);
+    int lines = 0;
+    int empty_lines = 0;
+    for (;;) {
+        const int start = SMTP_getline(pBuf, end, line, kLineSize);
+        ++lines;
+        if (start == end - 2) ++empty_lines;
+        if (std::strstr(line, pszBoundary)) {
+            if (std::strstr(line, "--\r\n")) {
+                trace(g_trace, 2, "smtp1031");
+                return finish(count);
+            }
+            const char before[2] = {pBuf[count - 2], pBuf[count - 1]};
+            if (lines > 1 && empty_lines > 0) {
+                // The part's header block is complete in the chunk; if the
+                // chunk ends right after it, take the first body line too.
+                if (pBuf[count - 3] == '\n' && empty_lines == 1) {
+                    const int added =
+                        append_lines(lFile, pBuf + count, limit - count, 0, before, pulErr);
+                    if (added < 0) {
+                        trace_word(g_trace, 0, "smtp1050", *pulErr);
+                        return added;
+                    }
+                    return finish(count + static_cast<size_t>(added));
+                }
+                return finish(count);
+            }
+            // The boundary line ends the chunk or its header block is cut:
+            // take the rest of the header block and one body line.
+            const int added = append_lines(lFile, pBuf + count, limit - count, 1, before, pulErr);
+            if (added < 0) {
+                trace_word(g_trace, 0, "smtp1040", *pulErr);
+                return added;
+            }
+            return finish(count + static_cast<size_t>(added));
+        }
+        if (start <= 1) {
+            trace(g_trace, 2, "smtp1030");
+            return finish(count);
+        }
+        end = start;
+    }
+}
+
+// The line that ends just before lEnd: back to the byte after the previous
+// CR LF, to position 1, or to lSize - 1 bytes, whichever comes first. The
+// result is the line's start (1 or less: the buffer's start was reached).
+KEMAIL_API int SMTP_getline(const char* pBuf, int lEnd, char* pszLine, int lSize) {
+    if (!pszLine || lSize < 2) {
+        if (pszLine && lSize == 1) pszLine[0] = '\0';
+        return 1;
+    }
+    if (!pBuf || lEnd <= 0) {
+        pszLine[0] = '\0';
+        return 0;
+    }
+    int start = lEnd - 1;
+    while (start > 1 && !(pBuf[start - 2] == '\r' && pBuf[start - 1] == '\n') &&
+           lEnd - start < lSize - 1) {
+        --start;
+    }
+    const size_t length = static_cast<size_t>(lEnd - start);
+    std::memcpy(pszLine, pBuf + start, length);
+    pszLine[length] = '\0';
+    return start;
+}
+
+// dest is taken to begin a line, and must have room for what is appended.
+KEMAIL_API int SMTP_addline(int lFile, char* pDest, int lCount, unsigned int* pulErr) {
+    unsigned int scratch = 0;
+    if (!pulErr) pulErr = &scratch;
+    static constexpr char kLineStart[2] = {'\r', '\n'};
+    return append_lines(lFile, pDest, static_cast<size_t>(INT_MAX), lCount, kLineStart, pulErr);
+}
+
+}  // extern "C"

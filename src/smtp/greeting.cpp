@@ -1,0 +1,170 @@
+// The server's greeting, EHLO with the fall-back to HELO, and the hand-over
+// to authentication when the caller asked for SMTP AUTH.
+#include "kemail.h"
+#include "log/trace_record.h"
+#include "smtp/smtp.h"
+#include "smtp/smtp_buffers.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include <unistd.h>
+
+using kemail::trace;
+using kemail::trace_data;
+using kemail::trace_text;
+using kemail::trace_word;
+using namespace kemail::smtp;
+
+namespace {
+
+constexpr int kNoHostName = -5;
+// Authentication was asked for but cannot take place.
+constexpr int kAuthImpossible = 2;
+constexpr size_t kHostNameSize = 256;
+
+bool wants_smtp_auth(const MailAuthInfo* auth) {
+    return auth && auth->SmtpAuthMode == KEMAIL_AUTH_SMTP;
+}
+
+// EHLO refused: introduce the client with HELO instead. Without EHLO there
+// is no AUTH, so a caller who demanded it gets 2.
+int introduce_with_helo(int sock, const char* host, const MailAuthInfo* auth,
+                        unsigned int* pulErr) {
+    trace(g_trace, 0, "smtp0121V");
+    SMTP_SetStartTime();
+    const int length = format_command("HELO %s\r\n", host);
+    int result = send_command(sock, length, "smtp0125", pulErr);
+    if (result != 0) return result;
+    MailLogWrite(g_pLogHandle, KEMAIL_LOG_SENT, s_szSendBuf);
+    trace_text(g_trace, 2, "smtp0128", s_szSendBuf);
+    if ((result = read_reply(sock, "smtp0130", pulErr)) != 0) return result;
+    log_reply("smtp0135");
+    if (s_szRecvBuf[0] == '2') {
+        if (wants_smtp_auth(auth)) {
+            trace(g_trace, 0, "smtp0150");
+            return kAuthImpossible;
+        }
+        trace(g_trace, 1, "smtp01FF");
+        return 0;
+    }
+    trace(g_trace, 0, "smtp0140");
+    return kHeloRefused;
+}
+
+}  // namespace
+
+extern "C" {
+
+// Reads the EHLO reply line by line: every line must begin with '2', and the
+// last line announcing "AUTH " (as "250-AUTH ..." or "250 AUTH ...") is kept
+// in the capability buffer, which holds KEMAIL_RECV_BUF_SIZE bytes.
+KEMAIL_API int SMTP_readEhloReply(int lSock, char* pszCapability, unsigned int* pulErr) {
+    unsigned int scratch = 0;
+    if (!pulErr) pulErr = &scratch;
+    trace(g_trace, 1, "AUTHR0000");
+    *pulErr = 0;
+    bool refused = false;
+    for (;;) {
+        const int result = SMTP_recv(lSock, s_szRecvBuf, KEMAIL_RECV_BUF_SIZE, pulErr);
+        if (result != 0) {
+            trace_word(g_trace, 0, "AUTHR0005", *pulErr);
+            return result;
+        }
+        const ReplyText line(s_szRecvBuf);
+        MailLogWrite(g_pLogHandle, KEMAIL_LOG_RECEIVED, line.text);
+        if (s_szRecvBuf[0] != '2') {
+            trace_data(g_trace, 0, "AUTHR0010", line.text, line.length);
+            refused = true;
+        }
+        if (std::strncmp(s_szRecvBuf + 4, "AUTH ", 5) == 0) {
+            if (pszCapability) {
+                // A line that filled the reply buffer is cut by one byte
+                // here to keep the capability text terminated.
+                const size_t kept = line.length < KEMAIL_RECV_BUF_SIZE ? line.length
+                                                                       : KEMAIL_RECV_BUF_SIZE - 1;
+                std::memcpy(pszCapability, line.text, kept);
+                pszCapability[kept] = '\0';
+            }
+            trace_data(g_trace, 2, "AUTHR0015", line.text, line.length);
+        }
+        if (s_szRecvBuf[3] != '-') {
+            trace(g_trace, 2, "AUTHR0020");
+            if (!refused) {
+                trace(g_trace, 1, "AUTHRFFFF");
+                return 0;
+            }
+            trace(g_trace, 0, "AUTHR0025");
+            return 1;
+        }
+        // Every continuation line gets the whole time-out again.
+        SMTP_SetStartTime();
+    }
+}
+
+KEMAIL_API int SMTP_initialize(int lSock, const MailAuthInfo* pstAuth, unsigned int* pulErr) {
+    unsigned int scratch = 0;
+    if (!pulErr) pulErr = &scratch;
+    trace(g_trace, 1, "smtp0100");
+    char capability[KEMAIL_RECV_BUF_SIZE];
+    std::memset(capability, 0, sizeof capability);
+
+    int result = SMTP_returnMessage(lSock, s_szRecvBuf, KEMAIL_RECV_BUF_SIZE, pulErr);
+    if (result != 0) {
+        trace_word(g_trace, 0, "smtp0105", *pulErr);
+        return result;
+    }
+    log_reply("smtp0110");
+    if (s_szRecvBuf[0] != '2') {
+        trace(g_trace, 0, "smtp0115");
+        return kGreetingRefused;
+    }
+
+    SMTP_SetStartTime();
+    char host[kHostNameSize];
+    std::memset(host, 0, sizeof host);
+    const int named = gethostname(host, sizeof host);
+    if (named != 0) {
+        const int error = errno;
+        *pulErr = static_cast<unsigned int>(error);
+        MailLogSysErrWrite(g_pLogHandle, "gethostname", named, error, nullptr);
+        trace_word(g_trace, 0, "smtp0120", static_cast<uint32_t>(error));
+        return kNoHostName;
+    }
+    host[sizeof host - 1] = '\0';
+    if (host[0] == '\0') {
+        trace(g_trace, 0, "smtp0121");
+        return kNoHostName;
+    }
+
+    // The host name goes out exactly as gethostname gives it.
+    result = send_command(lSock, format_command("EHLO %s\r\n", host), "smtp0121A", pulErr);
+    if (result != 0) return result;
+    MailLogWrite(g_pLogHandle, KEMAIL_LOG_SENT, s_szSendBuf);
+
+    result = SMTP_readEhloReply(lSock, capability, pulErr);
+    if (result < 0) {
+        trace_word(g_trace, 0, "smtp0121D", *pulErr);
+        return result;
+    }
+    if (result == 1) return introduce_with_helo(lSock, host, pstAuth, pulErr);
+
+    if (!wants_smtp_auth(pstAuth)) {
+        trace(g_trace, 2, "smtp0121G");
+        return 0;
+    }
+    trace(g_trace, 2, "smtp0121J");
+    unsigned int server_mechanisms = 0;
+    SMTP_getAuthMechanisms(capability, &server_mechanisms);
+    result = SMTP_authenticate(lSock, static_cast<const AuthCertInfo*>(pstAuth->pSettings),
+                               server_mechanisms, pulErr);
+    if (result != 0) {
+        trace_word(g_trace, 0, "smtp0121Q", static_cast<uint32_t>(result));
+        trace_word(g_trace, 0, "smtp0121S", *pulErr);
+        return result;
+    }
+    trace(g_trace, 2, "smtp0121M");
+    return 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,137 @@
+// Removal of old trace files: prefix match, ordering by modification time,
+// the keep count, and the directory checks.
+#include "kemail.h"
+#include "log_test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using kemail_test::TempDir;
+using kemail_test::write_file;
+using log_test::list_dir;
+using log_test::set_mtime;
+using log_test::trace_dir;
+
+class OldFiles : public ::testing::Test {
+protected:
+    void SetUp() override { log_test::clear_dir(trace_dir()); }
+    void TearDown() override { log_test::clear_dir(trace_dir()); }
+
+    // Seven matching trace files, acert1 oldest .. acert7 newest, listed by
+    // the directory in an order unrelated to their age, plus files that
+    // must never be touched.
+    void make_files() {
+        const int ages[] = {4, 7, 1, 6, 2, 5, 3};
+        for (int age : ages) {
+            const std::string path = trace_dir() + "/acert" + std::to_string(age) + ".trc";
+            write_file(path, "x");
+            set_mtime(path, 1000000 + age * 100);
+        }
+        for (const char* name : {"bcert9.trc", "Acert9.trc", "acer", "xacert1.trc"}) {
+            write_file(trace_dir() + "/" + name, "y");
+            set_mtime(trace_dir() + "/" + name, 10);
+        }
+        ASSERT_EQ(::mkdir((trace_dir() + "/acertdir").c_str(), 0755), 0);
+        set_mtime(trace_dir() + "/acertdir", 10);
+    }
+
+    static std::vector<std::string> others() {
+        return {"Acert9.trc", "acer", "acertdir", "bcert9.trc", "xacert1.trc"};
+    }
+
+    static std::vector<std::string> with_others(std::vector<std::string> names) {
+        for (const std::string& name : others()) names.push_back(name);
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+};
+
+TEST_F(OldFiles, KeepFiveLeavesTheFourNewest) {
+    make_files();
+    EXPECT_EQ(DeleteOldFiles(0, "acert", 5, 1), 0);
+    EXPECT_EQ(list_dir(trace_dir()),
+              with_others({"acert4.trc", "acert5.trc", "acert6.trc", "acert7.trc"}));
+}
+
+TEST_F(OldFiles, KeepTwoLeavesTheNewest) {
+    make_files();
+    EXPECT_EQ(DeleteOldFiles(0, "acert", 2, 1), 0);
+    EXPECT_EQ(list_dir(trace_dir()), with_others({"acert7.trc"}));
+}
+
+TEST_F(OldFiles, KeepOneOrZeroDeletesEveryMatchingFile) {
+    for (unsigned keep : {1u, 0u}) {
+        log_test::clear_dir(trace_dir());
+        make_files();
+        EXPECT_EQ(DeleteOldFiles(0, "acert", keep, 2), 0);
+        EXPECT_EQ(list_dir(trace_dir()), with_others({})) << keep;
+    }
+}
+
+TEST_F(OldFiles, KeepingMoreThanThereAreDeletesNothing) {
+    make_files();
+    EXPECT_EQ(DeleteOldFiles(0, "acert", 8, 1), 0);
+    EXPECT_EQ(list_dir(trace_dir()).size(), 7 + others().size());
+}
+
+TEST_F(OldFiles, LevelZeroTouchesNothing) {
+    make_files();
+    EXPECT_EQ(DeleteOldFiles(0, "acert", 1, 0), 0);
+    EXPECT_EQ(list_dir(trace_dir()).size(), 7 + others().size());
+    EXPECT_EQ(DeleteOldFiles_DIR("/no/such/dir", "acert", "trc", 1, 0), 0);
+}
+
+TEST_F(OldFiles, ExtensionIsNotLookedAt) {
+    make_files();
+    write_file(trace_dir() + "/acert.log", "z");
+    set_mtime(trace_dir() + "/acert.log", 999);
+    EXPECT_EQ(DeleteOldFiles(0, "acert", 8, 1), 0);
+    // Eight matching files, keep 8: the oldest one, acert.log, goes.
+    EXPECT_FALSE(log_test::exists(trace_dir() + "/acert.log"));
+    EXPECT_EQ(list_dir(trace_dir()).size(), 7 + others().size());
+}
+
+TEST_F(OldFiles, FilesOfEqualAgeAreAllCounted) {
+    for (const char* name : {"acertA", "acertB", "acertC"}) {
+        write_file(trace_dir() + "/" + name, "x");
+        set_mtime(trace_dir() + "/" + name, 5000);
+    }
+    EXPECT_EQ(DeleteOldFiles(0, "acert", 3, 1), 0);
+    EXPECT_EQ(list_dir(trace_dir()).size(), 2u);
+}
+
+TEST(OldFilesDir, MissingOrNonDirectoryIsMinusOne) {
+    TempDir dir;
+    EXPECT_EQ(DeleteOldFiles_DIR(dir.file("missing").c_str(), "acert", "trc", 1, 1), -1);
+    write_file(dir.file("plain"), "x");
+    EXPECT_EQ(DeleteOldFiles_DIR(dir.file("plain").c_str(), "acert", "trc", 1, 1), -1);
+    EXPECT_EQ(DeleteOldFiles_DIR(nullptr, "acert", "trc", 1, 1), -1);
+}
+
+TEST(OldFilesDir, WorksOnAnyDirectoryAndPrefix) {
+    TempDir dir;
+    for (int i = 1; i <= 4; ++i) {
+        const std::string path = dir.file("kesmtp" + std::to_string(i) + ".log");
+        write_file(path, "x");
+        set_mtime(path, 2000000 + i);
+    }
+    EXPECT_EQ(DeleteOldFiles_DIR(dir.path().c_str(), "kesmtp", "log", 3, 1), 0);
+    EXPECT_EQ(list_dir(dir.path()), (std::vector<std::string>{"kesmtp3.log", "kesmtp4.log"}));
+}
+
+TEST(OldFilesDir, DanglingSymlinkIsNoRegularFile) {
+    TempDir dir;
+    ASSERT_EQ(::symlink("/nonexistent/target", dir.file("acert-link").c_str()), 0);
+    write_file(dir.file("acert1"), "x");
+    EXPECT_EQ(DeleteOldFiles_DIR(dir.path().c_str(), "acert", "trc", 0, 1), 0);
+    EXPECT_EQ(list_dir(dir.path()), std::vector<std::string>{"acert-link"});
+}
+
+}  // namespace
