@@ -202,9 +202,14 @@ void BM_HundredMiBAttachment(benchmark::State& state) {
     double compose = 0, session = 0;
     const double cpu_start = process_cpu_seconds();
     for (auto _ : state) {
+        const unsigned long before = sink().messages();
         const auto start = Clock::now();
         const int result = request.send(split, 64);
         const auto end = Clock::now();
+        if (result == KEMAIL_OK && sink().messages() == before) {
+            state.SkipWithError("the send reported success but no message reached the sink");
+            return;
+        }
         if (result != KEMAIL_OK) {
             state.SkipWithError(("send failed: " + std::to_string(result) + " " +
                                  request.message).c_str());
@@ -265,6 +270,7 @@ void BM_ThousandAlerts(benchmark::State& state) {
         request.text += "alert " + std::to_string(line) + ": disk /var above threshold\n";
     request.text.resize(1024);
     const double cpu_start = process_cpu_seconds();
+    const unsigned long before = sink().messages();
     for (auto _ : state) {
         for (int i = 0; i < 1000; ++i) {
             const int result = request.send(0, 64);
@@ -273,6 +279,10 @@ void BM_ThousandAlerts(benchmark::State& state) {
                 return;
             }
         }
+    }
+    if (sink().messages() - before != 1000 * static_cast<unsigned long>(state.iterations())) {
+        state.SkipWithError("fewer messages reached the sink than were sent");
+        return;
     }
     state.counters["process_cpu_s"] =
         (process_cpu_seconds() - cpu_start) / static_cast<double>(state.iterations());

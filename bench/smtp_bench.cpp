@@ -2,11 +2,8 @@
 // per reply line (counted by wrappers around the socket and file calls the
 // session makes, on the calling thread only), and the time to send a staged
 // file of 100 MiB with SMTP_sendData next to a raw read-and-send loop.
-#include "kemail.h"
-
-#include <benchmark/benchmark.h>
-
 #include <arpa/inet.h>
+#include <benchmark/benchmark.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -23,6 +20,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "kemail.h"
 
 namespace {
 
@@ -58,7 +57,8 @@ int listen_loopback(uint16_t* port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd, 8) != 0) {
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        listen(fd, 8) != 0) {
         std::perror("sink");
         std::abort();
     }
@@ -226,6 +226,11 @@ void BM_SmallDialogue(benchmark::State& state) {
         }
         ::close(sock);
         calls = counting.calls();
+        if (calls == 0) {
+            // A dialogue without a system call did not run the session code.
+            state.SkipWithError("the SMTP functions linked here are placeholders");
+            break;
+        }
     }
     ::close(file);
     ::unlink(path.c_str());
@@ -238,7 +243,8 @@ void BM_ReplyLines(benchmark::State& state) {
     set_timeouts();
     const int lines = static_cast<int>(state.range(0));
     std::string reply;
-    for (int i = 0; i < lines - 1; ++i) reply += "250-capability number " + std::to_string(100000 + i) + " here\r\n";
+    for (int i = 0; i < lines - 1; ++i)
+        reply += "250-capability number " + std::to_string(100000 + i) + " here\r\n";
     reply += "250 last line of the reply here ok\r\n";
     char buf[KEMAIL_RECV_BUF_SIZE];
     long calls = 0;
@@ -251,7 +257,8 @@ void BM_ReplyLines(benchmark::State& state) {
             unsigned int err = 0;
             SMTP_SetTimeOut(60);
             SMTP_SetStartTime();
-            if (SMTP_returnMessage(fds[0], buf, sizeof buf, &err) != 0) state.SkipWithError("read failed");
+            if (SMTP_returnMessage(fds[0], buf, sizeof buf, &err) != 0)
+                state.SkipWithError("read failed");
             calls = counting.calls();
         }
     }
@@ -293,7 +300,12 @@ void BM_SendData100MiB(benchmark::State& state) {
     state.counters["syscalls"] = static_cast<double>(calls);
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * k100MiB));
 }
-BENCHMARK(BM_SendData100MiB)->Arg(1)->Arg(0)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+BENCHMARK(BM_SendData100MiB)
+    ->Arg(1)
+    ->Arg(0)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(5);
 
 // The same file with a plain read-and-send loop, for comparison; the chunk
 // size is the argument.
@@ -327,7 +339,12 @@ void BM_RawReadSend100MiB(benchmark::State& state) {
     ::unlink(path.c_str());
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * k100MiB));
 }
-BENCHMARK(BM_RawReadSend100MiB)->Arg(1028)->Arg(65536)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+BENCHMARK(BM_RawReadSend100MiB)
+    ->Arg(1028)
+    ->Arg(65536)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(5);
 
 }  // namespace
 
@@ -337,7 +354,8 @@ extern "C" {
 
 int select(int nfds, fd_set* r, fd_set* w, fd_set* e, struct timeval* t) {
     count_call();
-    static const auto next = next_definition<int (*)(int, fd_set*, fd_set*, fd_set*, struct timeval*)>("select");
+    static const auto next =
+        next_definition<int (*)(int, fd_set*, fd_set*, fd_set*, struct timeval*)>("select");
     return next(nfds, r, w, e, t);
 }
 ssize_t recv(int fd, void* buf, size_t n, int flags) {
@@ -367,7 +385,8 @@ int socket(int domain, int type, int protocol) {
 }
 int connect(int fd, const struct sockaddr* address, socklen_t length) {
     count_call();
-    static const auto next = next_definition<int (*)(int, const struct sockaddr*, socklen_t)>("connect");
+    static const auto next =
+        next_definition<int (*)(int, const struct sockaddr*, socklen_t)>("connect");
     return next(fd, address, length);
 }
 int setsockopt(int fd, int level, int name, const void* value, socklen_t length) {

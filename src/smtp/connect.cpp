@@ -123,7 +123,9 @@ KEMAIL_API int SMTP_connect(const char* pszName, unsigned int ulPort, unsigned i
     int connect_error = 0;
     int sock = -1;
     for (int retries = 0;;) {
-        sock = socket(AF_INET, SOCK_STREAM, 0);
+        // Close-on-exec: the session's socket must not leak into programs
+        // the calling agent starts.
+        sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         if (sock < 0) {
             const int error = errno;
             *pulErr = static_cast<unsigned int>(error);

@@ -5,6 +5,7 @@
 #include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -62,6 +63,11 @@ TEST_F(Connect, ConnectsAndStartsTheConnectionPhase) {
     ASSERT_GE(sock, 0);
     EXPECT_EQ(error, 0u);
     EXPECT_EQ(g_ulTimeOut, 21u);
+    // Commands wait for their replies: no Nagle delay on the session.
+    int no_delay = 0;
+    socklen_t length = sizeof no_delay;
+    ASSERT_EQ(getsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &no_delay, &length), 0);
+    EXPECT_EQ(no_delay, 1);
     close(sock);
     ASSERT_TRUE(server.wait_done());
     EXPECT_EQ(server.connections(), 1);

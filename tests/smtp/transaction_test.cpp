@@ -1,5 +1,9 @@
 #include "dialogue.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
 #include <cerrno>
 #include <string>
 
@@ -150,6 +154,11 @@ TEST_F(Transaction, TheStagedFileGoesOutAsItIsAndTheMarkEndsIt) {
     EXPECT_EQ(SMTP_startData(client.sock, &err), 0);
     EXPECT_EQ(SMTP_sendData(client.sock, file.fd, &err), 0);
     EXPECT_EQ(g_ulTimeOut, 15u);
+    // The chunks were corked while they streamed; the cork is off again.
+    int corked = 1;
+    socklen_t length = sizeof corked;
+    ASSERT_EQ(getsockopt(client.sock, IPPROTO_TCP, TCP_CORK, &corked, &length), 0);
+    EXPECT_EQ(corked, 0);
     EXPECT_EQ(SMTP_endData(client.sock, &err), 0);
     EXPECT_EQ(g_ulTimeOut, 16u);
     ASSERT_TRUE(server.wait_done());

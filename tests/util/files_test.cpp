@@ -228,6 +228,7 @@ TEST(RenameFile, FailedRenameStillRemovesTheSource) {
 // ---- Interrupted calls are repeated ---------------------------------------
 
 using util_test::InterruptingSignal;
+using util_test::ReadLease;
 
 TEST(Interrupted, FileReadIsRepeated) {
     InterruptingSignal signal;
@@ -303,6 +304,45 @@ TEST(Interrupted, FileOpenReadIsRepeated) {
     EXPECT_EQ(signal.caught(), 3);
     close(fd);
     close(writer);
+}
+
+TEST(Interrupted, FileOpen2GivesUpAfterTenInterruptedAttempts) {
+    TempDir dir;
+    const std::string path = dir.file("leased");
+    write_file(path, "x");
+    ReadLease lease(path);
+    if (!lease.held()) GTEST_SKIP() << "no file leases here";
+    InterruptingSignal signal;
+    std::thread helper =
+        InterruptingSignal::interrupt_then(pthread_self(), 12, [&lease] { lease.release(); });
+    errno = 0;
+    const int fd = FileOpen2(path.c_str(), 0);
+    const int open_errno = errno;
+    const int interruptions = signal.caught();
+    helper.join();
+    // Given up before the lease went, after the tenth interruption (a signal
+    // that lands before the open has blocked interrupts nothing).
+    EXPECT_EQ(fd, -1);
+    EXPECT_EQ(open_errno, EINTR);
+    EXPECT_GE(interruptions, 10);
+    EXPECT_LT(interruptions, 12);
+    if (fd >= 0) close(fd);
+}
+
+TEST(Interrupted, FileOpenIsRepeatedUntilItSucceeds) {
+    TempDir dir;
+    const std::string path = dir.file("leased");
+    write_file(path, "x");
+    ReadLease lease(path);
+    if (!lease.held()) GTEST_SKIP() << "no file leases here";
+    InterruptingSignal signal;
+    std::thread helper =
+        InterruptingSignal::interrupt_then(pthread_self(), 12, [&lease] { lease.release(); });
+    const int fd = FileOpen(path.c_str());
+    helper.join();
+    EXPECT_GE(fd, 0);
+    EXPECT_EQ(signal.caught(), 12);
+    if (fd >= 0) close(fd);
 }
 
 }  // namespace

@@ -294,4 +294,21 @@ TEST_F(ProfileWrite, WriteFailingHalfWayLeavesAPartlyWrittenFile) {
     EXPECT_EQ(Com_ClosePrivateProfile(profile, nullptr), 0);  // the parent's copy
 }
 
+TEST_F(ProfileWrite, InterruptedOpenAtCloseIsRepeated) {
+    ProfileHandle* profile = open("[S]\nk=v\n");
+    ASSERT_EQ(Com_WritePrivateProfileString(profile, "S", "k", "w"), 1);
+    util_test::ReadLease lease(path());
+    if (!lease.held()) {
+        Com_ClosePrivateProfile(profile, nullptr);
+        GTEST_SKIP() << "no file leases here";
+    }
+    util_test::InterruptingSignal signal;
+    std::thread helper = util_test::InterruptingSignal::interrupt_then(
+        pthread_self(), 3, [&lease] { lease.release(); });
+    EXPECT_EQ(Com_ClosePrivateProfile(profile, path().c_str()), 0);
+    helper.join();
+    EXPECT_EQ(signal.caught(), 3);
+    EXPECT_EQ(read_file(path()), "[S]\nk=w\n");
+}
+
 }  // namespace

@@ -1,6 +1,6 @@
 // Helpers shared by the utility tests: profiles built from text, paths of
 // an exact length for the path-bound tests, child processes with limits,
-// and a signal that interrupts blocked system calls.
+// and a signal and a file lease that interrupt and block system calls.
 #pragma once
 
 #include <atomic>
@@ -9,6 +9,7 @@
 #include <thread>
 
 #include <grp.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -135,6 +136,35 @@ public:
 private:
     static inline std::atomic<int> caught_{0};
     struct sigaction old_ = {};
+};
+
+// A read lease held by this process: an open for writing blocks until the
+// lease is given up, so a signal can interrupt that open again and again.
+class ReadLease {
+public:
+    explicit ReadLease(const std::string& path) {
+        old_sigio_ = std::signal(SIGIO, SIG_IGN);  // the holder is told of the break by SIGIO
+        fd_ = open(path.c_str(), O_RDONLY);
+        held_ = fd_ >= 0 && fcntl(fd_, F_SETLEASE, F_RDLCK) == 0;
+    }
+    ~ReadLease() {
+        release();
+        if (fd_ >= 0) close(fd_);
+        std::signal(SIGIO, old_sigio_);
+    }
+    ReadLease(const ReadLease&) = delete;
+    ReadLease& operator=(const ReadLease&) = delete;
+
+    bool held() const { return held_; }
+    void release() {
+        if (held_) fcntl(fd_, F_SETLEASE, F_UNLCK);
+        held_ = false;
+    }
+
+private:
+    int fd_ = -1;
+    bool held_ = false;
+    sighandler_t old_sigio_ = SIG_DFL;
 };
 
 }  // namespace util_test
