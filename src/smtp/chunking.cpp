@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <algorithm>
 #include <cstring>
 
 #include <unistd.h>
@@ -197,10 +198,24 @@ KEMAIL_API int SMTP_getline(const char* pBuf, int lEnd, char* pszLine, int lSize
         pszLine[0] = '\0';
         return 0;
     }
+    // The line start is the highest position above the floor that follows a
+    // CR LF; pieces are walked line by line, so look for LF bytes with
+    // memrchr rather than stepping back one byte at a time.
+    const int floor = std::max(1, lEnd - lSize + 1);
     int start = lEnd - 1;
-    while (start > 1 && !(pBuf[start - 2] == '\r' && pBuf[start - 1] == '\n') &&
-           lEnd - start < lSize - 1) {
-        --start;
+    if (start > floor) {
+        start = floor;
+        int top = lEnd - 2;  // highest LF position whose line start lies below lEnd - 1
+        while (top >= floor) {
+            const void* lf = memrchr(pBuf + floor, '\n', static_cast<size_t>(top - floor + 1));
+            if (!lf) break;
+            const int at = static_cast<int>(static_cast<const char*>(lf) - pBuf);
+            if (pBuf[at - 1] == '\r') {
+                start = at + 1;
+                break;
+            }
+            top = at - 1;
+        }
     }
     const size_t length = static_cast<size_t>(lEnd - start);
     std::memcpy(pszLine, pBuf + start, length);

@@ -108,6 +108,35 @@ TEST(GetLine, ALongLineIsCutToTheLineBuffer) {
     EXPECT_EQ(std::string(line + 1024, 8), std::string(8, '#'));
 }
 
+// The plain backward walk one byte at a time: where a line starts is the
+// first position, going down from end - 1, that follows CR LF, reaches the
+// line buffer's limit or reaches position 1.
+int reference_line_start(const std::string& buf, int end, int size) {
+    int start = end - 1;
+    while (start > 1 && !(buf[start - 2] == '\r' && buf[start - 1] == '\n') &&
+           end - start < size - 1) {
+        --start;
+    }
+    return start;
+}
+
+TEST(GetLine, AgreesWithTheByteByByteWalkOnRandomText) {
+    unsigned seed = 12345;
+    auto next = [&seed] { return (seed = seed * 1103515245u + 12345u) >> 16; };
+    const char alphabet[] = {'a', '\r', '\n', '-', 'x'};
+    for (int round = 0; round < 2000; ++round) {
+        std::string buf(2 + next() % 300, ' ');
+        for (char& c : buf) c = alphabet[next() % sizeof alphabet];
+        const int end = 1 + static_cast<int>(next() % buf.size());
+        const int size = 2 + static_cast<int>(next() % 80);
+        std::vector<char> line(static_cast<size_t>(size) + 8, '#');
+        const int start = SMTP_getline(buf.data(), end, line.data(), size);
+        ASSERT_EQ(start, reference_line_start(buf, end, size)) << "round " << round;
+        ASSERT_EQ(std::string(line.data()), buf.substr(static_cast<size_t>(start),
+                                                       static_cast<size_t>(end - start)));
+    }
+}
+
 TEST(AddLine, CountZeroAppendsOneLine) {
     StagedFile file("line one\r\nline two\r\n");
     char dest[64] = {};
