@@ -1,0 +1,89 @@
+# shellcheck shell=bash
+# Helpers for the send_*_test.sh scripts: one mail sent with kemail-send (the
+# public API only) inside a private root, and what it left behind.
+# Source it after lib.sh; needs $SEND_TOOL (the kemail-send program) and
+# $SEND_WORK (a scratch directory of the calling test).
+
+SEND_PRIVATE_ROOT="$KEMAIL_REPO_ROOT/tests/support/private-root.sh"
+SEND_CHECK="$KEMAIL_REPO_ROOT/tests/peers/send_check.py"
+
+# send_require_tools: kemail-send is built and Debian's Python is there.
+send_require_tools() {
+  [ -x "$SEND_TOOL" ] || { echo "FAIL: $SEND_TOOL is not built" >&2; exit 1; }
+  [ -x /usr/bin/python3 ] || peers_skip_or_fail "Debian's /usr/bin/python3 is missing"
+}
+
+# send_mail NAME ARGS...: runs "kemail-send ARGS..." in a fresh private root,
+# bounded to 120 s. Leaves in $SEND_WORK/NAME/: out (its output), err, rc (its
+# exit status) and tmp (what stayed in /var/opt/QRZNvolta/tmp afterwards).
+send_mail() {
+  local dir="$SEND_WORK/$1"
+  shift
+  rm -rf "$dir" && mkdir -p "$dir" || return 1
+  # shellcheck disable=SC2016 # expanded by the inner shell
+  timeout 120 "$SEND_PRIVATE_ROOT" bash -c '
+    out=$1; shift
+    "$@" >"$out/out" 2>"$out/err"
+    echo $? >"$out/rc"
+    ls -A /var/opt/QRZNvolta/tmp >"$out/tmp"' send-in-root "$dir" "$SEND_TOOL" "$@"
+  [ -f "$dir/rc" ] || echo "timed out or the private root failed" >"$dir/rc"
+  sed 's/^/    | /' "$dir/out" "$dir/err"
+}
+
+# send_result_is NAME CODE: the send printed "result: ... (CODE)", exited
+# with the status that goes with it (0 for a code >= 0, else 1) and wrote
+# nothing to stderr (where a sanitizer would report).
+send_result_is() {
+  local dir="$SEND_WORK/$1" status=1
+  [ "$2" -ge 0 ] && status=0
+  grep -qE "^result: [A-Z_]+ \\($2\\)\$" "$dir/out" &&
+    [ "$(cat "$dir/rc")" = "$status" ] && [ ! -s "$dir/err" ]
+}
+
+# send_detail_matches NAME REGEX: the detail line matches REGEX (grep -E).
+send_detail_matches() {
+  grep -qE "^detail: $2" "$SEND_WORK/$1/out"
+}
+
+# send_left_no_work_files NAME: /var/opt/QRZNvolta/tmp was empty afterwards.
+send_left_no_work_files() {
+  [ -f "$SEND_WORK/$1/tmp" ] && [ ! -s "$SEND_WORK/$1/tmp" ] && return 0
+  echo "    left in tmp: $(cat "$SEND_WORK/$1/tmp" 2>/dev/null)"
+  return 1
+}
+
+# send_make_inputs DIR: the Shift_JIS subject and text and the attachments
+# (see send_check.py make).
+send_make_inputs() {
+  mkdir -p "$1" && /usr/bin/python3 "$SEND_CHECK" make "$1"
+}
+
+# send_py_checks ARGS...: runs send_check.py ARGS..., prints its lines and
+# counts each "ok"/"FAIL" line as one check (see lib.sh's peers_check).
+send_py_checks() {
+  local output rc
+  output=$(timeout 120 /usr/bin/python3 "$SEND_CHECK" "$@" 2>&1)
+  rc=$?
+  echo "$output"
+  PEERS_PASSED=$((PEERS_PASSED + $(grep -c '^ok ' <<<"$output")))
+  PEERS_FAILED=$((PEERS_FAILED + $(grep -c '^FAIL ' <<<"$output")))
+  if [ "$rc" -ne 0 ] && ! grep -q '^FAIL ' <<<"$output"; then
+    echo "FAIL send_check.py $1 ended with status $rc"
+    PEERS_FAILED=$((PEERS_FAILED + 1))
+  fi
+}
+
+# send_eventually COMMAND...: COMMAND succeeds within 3 s (servers write their
+# logs a moment after they answer).
+send_eventually() {
+  local deadline=$((SECONDS + 3))
+  until "$@"; do
+    [ "$SECONDS" -lt "$deadline" ] || return 1
+    sleep 0.1
+  done
+}
+
+# send_count_is N COMMAND...: COMMAND prints the number N.
+send_count_is() {
+  [ "$("${@:2}")" -eq "$1" ]
+}
