@@ -4,6 +4,7 @@
 // reports the process's peak resident set (VmHWM, reset before the run).
 //   ./compose_bench --benchmark_filter=Attachment
 #include "kemail.h"
+#include "support/temp_dir.h"
 
 #include <benchmark/benchmark.h>
 
@@ -19,28 +20,6 @@
 #include <unistd.h>
 
 namespace {
-
-// A scratch directory under /tmp: benchmarks never touch the package's
-// fixed directories.
-class ScratchDir {
-public:
-    ScratchDir() {
-        char pattern[] = "/tmp/kemail-compose-bench.XXXXXX";
-        if (mkdtemp(pattern)) path_ = pattern;
-    }
-    ~ScratchDir() {
-        if (path_.empty()) return;
-        const std::string command = "rm -rf '" + path_ + "'";
-        if (std::system(command.c_str()) != 0) {
-            // A directory left in /tmp is harmless.
-        }
-    }
-    bool ok() const { return !path_.empty(); }
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-};
 
 // Writes size bytes of varied content in 1 MiB steps (never all in memory).
 bool make_attachment(const std::string& path, size_t size) {
@@ -84,12 +63,11 @@ void reset_peak() {
 }
 
 struct Fixture {
-    ScratchDir dir;
+    kemail_test::TempDir dir;  // never the package's fixed directories
     std::string attachment;
     std::string message;
     bool ready = false;
     explicit Fixture(size_t size) {
-        if (!dir.ok()) return;
         attachment = dir.file("attachment.bin");
         message = dir.file("message");
         ready = make_attachment(attachment, size);

@@ -4,6 +4,7 @@
 //   strace -c -f ./trace_bench --benchmark_filter=Twrite
 // that the system call count stays far below the iteration count.
 #include "kemail.h"
+#include "support/temp_dir.h"
 
 #include <benchmark/benchmark.h>
 
@@ -18,31 +19,9 @@
 
 namespace {
 
-// A scratch directory under /tmp: benchmarks never touch the package's
-// fixed directories.
-class ScratchDir {
-public:
-    ScratchDir() {
-        char pattern[] = "/tmp/kemail-bench.XXXXXX";
-        if (mkdtemp(pattern)) path_ = pattern;
-    }
-    ~ScratchDir() {
-        if (path_.empty()) return;
-        const std::string command = "rm -rf '" + path_ + "'";
-        if (std::system(command.c_str()) != 0) {
-            // A directory left in /tmp is harmless.
-        }
-    }
-    bool ok() const { return !path_.empty(); }
-    std::string file(const char* name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-};
-
 void BM_TwriteLevel1Data32(benchmark::State& state) {
-    ScratchDir dir;
-    TraceHandle* handle = dir.ok() ? Topen(dir.file("bench.trc").c_str(), 100, 1) : nullptr;
+    kemail_test::TempDir dir;  // never the package's fixed directories
+    TraceHandle* handle = Topen(dir.file("bench.trc").c_str(), 100, 1);
     if (!handle) {
         state.SkipWithError("cannot open a trace file");
         return;
@@ -57,8 +36,8 @@ void BM_TwriteLevel1Data32(benchmark::State& state) {
 BENCHMARK(BM_TwriteLevel1Data32);
 
 void BM_TwriteFilteredLevel2OnLevel1(benchmark::State& state) {
-    ScratchDir dir;
-    TraceHandle* handle = dir.ok() ? Topen(dir.file("bench.trc").c_str(), 100, 1) : nullptr;
+    kemail_test::TempDir dir;  // never the package's fixed directories
+    TraceHandle* handle = Topen(dir.file("bench.trc").c_str(), 100, 1);
     if (!handle) {
         state.SkipWithError("cannot open a trace file");
         return;
@@ -75,13 +54,12 @@ BENCHMARK(BM_TwriteFilteredLevel2OnLevel1);
 // The handle is made by hand over a scratch file, since MailLogOpen always
 // writes into the package's log directory.
 void BM_MailLogWriteLine(benchmark::State& state) {
-    ScratchDir dir;
-    const std::string path = dir.ok() ? dir.file("kesmtp.log") : std::string();
+    kemail_test::TempDir dir;  // never the package's fixed directories
+    const std::string path = dir.file("kesmtp.log");
     MailLogHandle handle = {};
     handle.log_size = 20;
     handle.log_num = 20;
-    handle.fd = dir.ok() ? ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644)
-                         : -1;
+    handle.fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (handle.fd < 0) {
         state.SkipWithError("cannot open a log file");
         return;
