@@ -33,7 +33,11 @@ def verdict(same):
 
 
 def pieces(paths):
-    for path in paths:
+    for index, path in enumerate(paths):
+        if 3 <= index < len(paths) - 2:
+            if index == 3:
+                print("  ... %d pieces more ..." % (len(paths) - 5))
+            continue
         piece = email.message_from_bytes(read(path), policy=email.policy.default)
         print("  piece %2s/%s  %6d bytes  id=%s  Subject: %s" % (
             piece.get_param("number"), piece.get_param("total"), os.path.getsize(path),
@@ -45,8 +49,9 @@ def mail(path, inputs, save_dir):
     raw = email.message_from_bytes(read(path), policy=email.policy.compat32)
     msg = email.message_from_bytes(read(path), policy=email.policy.default)
     ok = True
-    for name in ("From", "To", "Date", "Content-Type"):
-        print("  %-13s %s" % (name + ":", " ".join(str(msg.get(name, "(none)")).split())))
+    for name in ("From", "To", "Date", "MIME-Version", "Content-Type"):
+        if name in msg:
+            print("  %-13s %s" % (name + ":", " ".join(str(msg[name]).split())))
     sent_subject = read(os.path.join(inputs, "subject.txt")).decode("utf-8")
     print("  Subject, as it came:  %s" % " ".join(str(raw["Subject"]).split()))
     print("  Subject, decoded:     %s" % msg["Subject"])
@@ -57,7 +62,7 @@ def mail(path, inputs, save_dir):
     texts = [p for p in msg.walk() if p.get_content_maintype() == "text"]
     for part in texts:
         print("\n  text part: %s; charset=%s, %s; decoded:" % (
-            part.get_content_type(), part.get_content_charset(), part["Content-Transfer-Encoding"]))
+            part.get_content_type(), part.get_content_charset(), part.get("Content-Transfer-Encoding", "7bit")))
         got = lines(part.get_content())
         for line in got:
             print("  | " + line)
