@@ -3,6 +3,7 @@
 #include "compose/compose.h"
 
 #include "log/trace_record.h"
+#include "smtp/smtp.h"
 #include "smtp/smtp_buffers.h"
 
 #include <cerrno>
@@ -137,6 +138,8 @@ KEMAIL_API int SMTP_sendData_Partial(int lSock, char* pPiece, int lLength, const
     if (pulErr == nullptr) pulErr = &local_err;
     trace(g_trace, 1, "smtp1400");
     SMTP_SetTimeOut(g_stMailTimeout.ulDataBlock);
+    // The header lines and the piece leave together in full segments.
+    const kemail::smtp::CorkedStream corked(lSock);
 
     int result = send_outer_header(lSock, pszFrom ? pszFrom : "", pszTo, pszSubject, lNumber,
                                    lTotal, pszId ? pszId : "", pulErr);

@@ -35,13 +35,49 @@ ssize_t read_fully(int fd, char* dst, size_t want) {
     return static_cast<ssize_t>(got);
 }
 
-// One byte; 1, 0 at the end of the file, -1 on an error.
-ssize_t read_byte(int fd, char* dst) {
-    for (;;) {
-        const ssize_t n = read(fd, dst, 1);
-        if (n >= 0 || errno != EINTR) return n;
+// Hands out a file's bytes one at a time, as if each were read on its own,
+// but fetches them in small blocks: what was fetched beyond the last byte
+// handed out is given back with lseek when the reader is done, so the file
+// offset ends exactly where byte-by-byte reading would leave it. A file that
+// cannot seek is read one byte per call.
+class ByteReader {
+public:
+    explicit ByteReader(int fd) : fd_(fd), seekable_(lseek(fd, 0, SEEK_CUR) >= 0) {}
+    ~ByteReader() {
+        if (pos_ < len_) lseek(fd_, -static_cast<off_t>(len_ - pos_), SEEK_CUR);
     }
-}
+    ByteReader(const ByteReader&) = delete;
+    ByteReader& operator=(const ByteReader&) = delete;
+
+    // One byte; 1, 0 at the end of the file, -1 on an error (errno set).
+    ssize_t next(char* dst) {
+        if (pos_ == len_) {
+            const ssize_t n = fill();
+            if (n <= 0) return n;
+        }
+        *dst = block_[pos_++];
+        return 1;
+    }
+
+private:
+    ssize_t fill() {
+        pos_ = len_ = 0;
+        const size_t want = seekable_ ? sizeof block_ : 1;
+        for (;;) {
+            const ssize_t n = read(fd_, block_, want);
+            if (n >= 0 || errno != EINTR) {
+                if (n > 0) len_ = static_cast<size_t>(n);
+                return n;
+            }
+        }
+    }
+
+    int fd_;
+    bool seekable_;
+    size_t pos_ = 0;
+    size_t len_ = 0;
+    char block_[256];
+};
 
 // Appends whole lines read from the file to dest, at most `room` bytes: with
 // count 0 one line, with count 1 up to and including the next empty line and
@@ -53,9 +89,10 @@ int append_lines(int fd, char* dest, size_t room, int count, const char before[2
     char two_back = before[0];
     char one_back = before[1];
     size_t appended = 0;
+    ByteReader reader(fd);
     while (appended < room) {
         char byte;
-        const ssize_t n = read_byte(fd, &byte);
+        const ssize_t n = reader.next(&byte);
         if (n < 0) {
             *pulErr = static_cast<unsigned int>(errno);
             trace_word(g_trace, 0, "smtp1210", *pulErr);
@@ -116,26 +153,35 @@ KEMAIL_API int SMTP_getSendData(int lFile, char* pBuf, int lSizeKb, const char* 
     }
 
     size_t count = wanted;
-    while (!ends_with_crlf(pBuf, count) && count < limit) {
-        const ssize_t n = read_byte(lFile, pBuf + count);
-        if (n < 0) {
-            *pulErr = static_cast<unsigned int>(errno);
-            trace_word(g_trace, 0, "smtp1020", *pulErr);
-            return kFileError;
+    {
+        // Scoped: the reader gives back its read-ahead before the walk below
+        // may append more lines from the file.
+        ByteReader reader(lFile);
+        while (!ends_with_crlf(pBuf, count) && count < limit) {
+            const ssize_t n = reader.next(pBuf + count);
+            if (n < 0) {
+                *pulErr = static_cast<unsigned int>(errno);
+                trace_word(g_trace, 0, "smtp1020", *pulErr);
+                return kFileError;
+            }
+            if (n == 0) {
+                trace(g_trace, 2, "smtp1021");
+                pBuf[count] = '\0';
+                return static_cast<int>(count);
+            }
+            ++count;
         }
-        if (n == 0) {
-            trace(g_trace, 2, "smtp1021");
-            pBuf[count] = '\0';
-            return static_cast<int>(count);
-        }
-        ++count;
     }
 
     auto finish = [&](size_t length) {
         pBuf[length] = '\0';
         return static_cast<int>(length);
     };
-    if (!pszBoundary || !*pszBoundary) {
+    // Every line of the walk below is a piece of the chunk, so a chunk that
+    // holds no boundary anywhere (most pieces of a large attachment) would be
+    // walked to its start for nothing.
+    if (!pszBoundary || !*pszBoundary ||
+        !memmem(pBuf, count, pszBoundary, std::strlen(pszBoundary))) {
         trace(g_trace, 2, "smtp1030");
         return finish(count);
     }

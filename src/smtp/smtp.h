@@ -5,7 +5,12 @@
 #include "kemail.h"
 #include "smtp/smtp_buffers.h"
 
+#include <cerrno>
 #include <cstddef>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 
 namespace kemail::smtp {
 
@@ -52,5 +57,24 @@ int send_command(int sock, int length, const char* not_sent_code, unsigned int* 
 // The command pattern's read step: reads a whole reply into s_szRecvBuf. On
 // failure traces `no_reply_code` at level 0 with the error word.
 int read_reply(int sock, const char* no_reply_code, unsigned int* pulErr);
+
+// Holds message data back while it streams, so that it leaves in full
+// segments although the session runs with TCP_NODELAY; removing the cork
+// pushes out what is left. (Not a TCP socket: nothing happens.)
+class CorkedStream {
+public:
+    explicit CorkedStream(int sock) : sock_(sock) { set(1); }
+    ~CorkedStream() { set(0); }
+    CorkedStream(const CorkedStream&) = delete;
+    CorkedStream& operator=(const CorkedStream&) = delete;
+
+private:
+    void set(int on) {
+        const int saved_errno = errno;
+        setsockopt(sock_, IPPROTO_TCP, TCP_CORK, &on, sizeof on);
+        errno = saved_errno;
+    }
+    int sock_;
+};
 
 }  // namespace kemail::smtp

@@ -53,24 +53,6 @@ int refuse_long_command(const char* code, unsigned int* pulErr) {
     return kCommandTooLong;
 }
 
-// Holds the message's chunks back while they stream, so that they leave in
-// full segments although the session runs with TCP_NODELAY; removing the
-// cork pushes out what is left. (Not a TCP socket: nothing happens.)
-class CorkedStream {
-public:
-    explicit CorkedStream(int sock) : sock_(sock) { set(1); }
-    ~CorkedStream() { set(0); }
-    CorkedStream(const CorkedStream&) = delete;
-    CorkedStream& operator=(const CorkedStream&) = delete;
-
-private:
-    void set(int on) {
-        const int saved_errno = errno;
-        setsockopt(sock_, IPPROTO_TCP, TCP_CORK, &on, sizeof on);
-        errno = saved_errno;
-    }
-    int sock_;
-};
 
 }  // namespace
 
@@ -160,7 +142,7 @@ KEMAIL_API int SMTP_sendData(int lSock, int lFile, unsigned int* pulErr) {
     trace(g_trace, 1, "smtp0500");
     lseek(lFile, 0, SEEK_SET);
     SMTP_SetTimeOut(g_stMailTimeout.ulDataBlock);
-    const CorkedStream corked(lSock);
+    const kemail::smtp::CorkedStream corked(lSock);
     for (;;) {
         const ssize_t got = read(lFile, s_szRecvBuf, KEMAIL_RECV_BUF_SIZE);
         if (got < 0) {
