@@ -126,6 +126,23 @@ TEST_F(SendResults, WorkDirectoryReplacedByAFileGivesMinus3ThroughTheEntry) {
     EXPECT_STREQ(mail.message, "20");
 }
 
+TEST_F(SendResults, UnwritableLogDirectoryLeavesTheSendWithoutALog) {
+    const std::string dir = kemail_test::var_dir() + "/log";
+    const std::string aside = dir + ".aside";
+    ASSERT_EQ(rename(dir.c_str(), aside.c_str()), 0);
+    kemail_test::write_file(dir, "not a directory");
+    ScriptServer server(whole_mail_script());
+    Mail mail(server.port());
+    const int result = mail.send();
+    const bool server_done = server.wait_done();
+    unlink(dir.c_str());
+    ASSERT_EQ(rename(aside.c_str(), dir.c_str()), 0);
+    EXPECT_EQ(result, KEMAIL_OK);
+    EXPECT_STREQ(mail.message, "");
+    EXPECT_TRUE(server_done);
+    EXPECT_FALSE(server.failed()) << server.error();
+}
+
 TEST_F(SendResults, AuthWantedButNotOfferedGivesTwoWhenTheMailIsAccepted) {
     AuthCertInfo cert{};
     cert.ulMechanisms = KEMAIL_MECH_PLAIN;
