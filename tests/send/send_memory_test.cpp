@@ -15,7 +15,7 @@ namespace send_test {
 namespace {
 
 // The process's current address-space size in bytes, from /proc.
-long address_space_bytes() {
+[[maybe_unused]] long address_space_bytes() {
     FILE* status = std::fopen("/proc/self/status", "r");
     if (!status) return -1;
     char line[256];
