@@ -1,5 +1,7 @@
 #include "util/util.h"
 
+#include "util/format.h"
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -25,10 +27,9 @@ bool path_acceptable(const char* path) {
 bool format_path(PathBuffer& out, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    const int length = vsnprintf(out, sizeof out, format, args);
+    const int length = vformat_into(out, sizeof out, Overflow::Refuse, format, args);
     va_end(args);
-    if (length < 0 || static_cast<size_t>(length) > KEMAIL_PATH_MAX) {
-        out[0] = '\0';
+    if (length < 0) {
         errno = ENAMETOOLONG;
         return false;
     }
