@@ -147,6 +147,15 @@ KEMAIL_API int ZvKe_SendEMailPartial_parts(unsigned int ulReserved,
                               MailAuthInfo* pstAuth, char* pszMessage,
                               const char* pszTempDir);
 
+/* Sets one setting beyond the designed behaviour for this process, taking
+ * precedence over section KEMAIL of kemail.ini; a null value removes the
+ * override. Keys: INPUT_CHARSET (UTF-8), TLS (none, starttls, smtps),
+ * TLS_VERIFY (0, 1), TLS_CA_FILE (a path), TLS_SERVER_NAME (a host name),
+ * POP_TLS (none, stls, pop3s), ADDRESS_FAMILY (ipv4, any), PIPELINING (0, 1).
+ * Returns 0, or -1 for an unknown key or a value it does not accept (nothing
+ * changes then). */
+KEMAIL_API int ZvKe_SetOption(const char* key, const char* value);
+
 /* ------------------------------------------------------------------------ */
 /* Trace files.                                                             */
 /* ------------------------------------------------------------------------ */
