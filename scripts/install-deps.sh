@@ -14,6 +14,9 @@ PACKAGES=(
   nkf libgmime-3.0-dev gir1.2-gmime-3.0
   # localedef and the EUC-JP charmap; unshare for the private test root
   locales util-linux
+  # TLS: OpenSSL headers (the library loads libssl.so.3 at run time), the
+  # openssl command for test certificates
+  libssl-dev openssl
 )
 
 fail() { echo "install-deps: $*" >&2; exit 1; }
