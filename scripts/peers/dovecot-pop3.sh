@@ -15,8 +15,9 @@ stop() {
 }
 
 write_conf() {
-  local uid
+  local uid listen=$KEMAIL_PEER_HOST
   uid=$(id -u "$KEMAIL_PEER_MAIL_USER")
+  [ "$KEMAIL_PEER_HAS_IPV6" = yes ] && listen="$KEMAIL_PEER_HOST, $KEMAIL_PEER_HOST6"
   # Dovecot's post-login hook runs with a cleared environment: the state
   # directory is baked into this wrapper.
   cat >"$base/pop3-postlogin" <<HOOK
@@ -32,8 +33,12 @@ base_dir = $base/run
 state_dir = $base/state
 log_path = $log
 protocols = pop3
-listen = $KEMAIL_PEER_HOST
-ssl = no
+listen = $listen
+# TLS: STLS offered on the plain listener, POP3S on its own port; USER and
+# PASS in the clear stay allowed for the plain tests.
+ssl = yes
+ssl_cert = <$KEMAIL_PEER_TLS_DIR/server.pem
+ssl_key = <$KEMAIL_PEER_TLS_DIR/server.key
 disable_plaintext_auth = no
 auth_mechanisms = plain login
 # A wrong password is answered at once (Dovecot waits 2 s by default),
@@ -52,11 +57,13 @@ userdb {
 }
 service pop3-login {
   inet_listener pop3 {
-    address = $KEMAIL_PEER_HOST
+    address = $listen
     port = $KEMAIL_PEER_POP3_PORT
   }
   inet_listener pop3s {
-    port = 0
+    address = $KEMAIL_PEER_HOST
+    port = $KEMAIL_PEER_POP3S_PORT
+    ssl = yes
   }
 }
 service pop3 {
@@ -76,6 +83,8 @@ start() {
   peer_require_root
   stop
   peer_require_free_port "$KEMAIL_PEER_POP3_PORT"
+  peer_require_free_port "$KEMAIL_PEER_POP3S_PORT"
+  "$KEMAIL_PEERS_SCRIPTS/test-ca.sh" || peer_die "cannot make the test CA and certificates"
   rm -rf "$base"
   peer_prepare_shared
   mkdir -p "$base/run" "$base/state"
@@ -88,6 +97,11 @@ start() {
   [ -S "$base/run/anvil-auth-penalty" ] || peer_die "Dovecot (POP3) made no anvil-auth-penalty socket (see $log)"
   rm -f "$base/run/anvil-auth-penalty"
   peer_wait_greeting "Dovecot (POP3)" "$log" pop3 "$KEMAIL_PEER_POP3_PORT" >/dev/null || exit 1
+  peer_wait_greeting "Dovecot (POP3S)" "$log" pop3s "$KEMAIL_PEER_POP3S_PORT" >/dev/null || exit 1
+  if [ "$KEMAIL_PEER_HAS_IPV6" = yes ]; then
+    KEMAIL_PROBE_HOST=$KEMAIL_PEER_HOST6 peer_wait_greeting "Dovecot (POP3, IPv6)" "$log" pop3 \
+      "$KEMAIL_PEER_POP3_PORT" >/dev/null || exit 1
+  fi
 }
 
 case "${1:-}" in

@@ -1,5 +1,6 @@
 #!/bin/bash
-# Postfix on loopback with three SMTP listeners, and the private Dovecot
+# Postfix on loopback with five SMTP listeners (two with TLS, one open one
+# on [::1] too when the loopback has IPv6), and the private Dovecot
 # instance that is its SASL server:  postfix.sh start | stop
 # start stops a running instance first and begins with an empty queue.
 set -u
@@ -57,9 +58,17 @@ CONF
 }
 
 write_postfix_conf() {
-  local uid gid
+  local uid gid interfaces=$KEMAIL_PEER_HOST protocols=ipv4 networks=127.0.0.0/8 ipv6_listener=""
   uid=$(id -u "$KEMAIL_PEER_MAIL_USER")
   gid=$(id -g "$KEMAIL_PEER_MAIL_USER")
+  if [ "$KEMAIL_PEER_HAS_IPV6" = yes ]; then
+    # The open listener on [::1] too, for clients that resolve to IPv6.
+    interfaces="$KEMAIL_PEER_HOST, [$KEMAIL_PEER_HOST6]"
+    protocols=all
+    networks="127.0.0.0/8, [$KEMAIL_PEER_HOST6]/128"
+    ipv6_listener="[$KEMAIL_PEER_HOST6]:$KEMAIL_PEER_SMTP_OPEN_PORT inet n - n - - smtpd
+  -o syslog_name=postfix/open6"
+  fi
   cat >"$conf/main.cf" <<CONF
 compatibility_level = 3.6
 queue_directory = $spool
@@ -69,9 +78,9 @@ myhostname = mx.$KEMAIL_PEER_DOMAIN
 mydomain = $KEMAIL_PEER_DOMAIN
 myorigin = \$mydomain
 mydestination =
-inet_interfaces = $KEMAIL_PEER_HOST
-inet_protocols = ipv4
-mynetworks = 127.0.0.0/8
+inet_interfaces = $interfaces
+inet_protocols = $protocols
+mynetworks = $networks
 smtpd_peername_lookup = no
 # Keep what clients send as they sent it: no Date or Message-Id added, no
 # address in a header rewritten (loopback would count as local otherwise).
@@ -99,6 +108,12 @@ smtpd_sasl_path = $sasl_socket
 smtpd_sasl_security_options = noanonymous
 smtpd_tls_security_level = none
 smtpd_tls_auth_only = no
+# TLS for the listeners that ask for it (the others stay in the clear):
+# the test CA's server certificate, and TLS noted in the Received header.
+smtpd_tls_cert_file = $KEMAIL_PEER_TLS_DIR/server.pem
+smtpd_tls_key_file = $KEMAIL_PEER_TLS_DIR/server.key
+smtpd_tls_received_header = yes
+smtpd_tls_loglevel = 1
 # Also announce the old "AUTH=" form, which clients must tolerate.
 broken_sasl_auth_clients = yes
 # Restrictions of the AUTH listener: MAIL without AUTH gets 530.
@@ -121,6 +136,26 @@ $KEMAIL_PEER_HOST:$KEMAIL_PEER_SMTP_POPAUTH_PORT inet n - n - - smtpd
   -o syslog_name=postfix/popauth
   -o mynetworks=
   -o smtpd_relay_restrictions=\$kemail_popauth_relay
+$KEMAIL_PEER_HOST:$KEMAIL_PEER_SMTP_STARTTLS_PORT inet n - n - - smtpd
+  -o syslog_name=postfix/starttls
+  -o smtpd_tls_security_level=may
+  -o smtpd_tls_auth_only=yes
+  -o smtpd_sasl_auth_enable=yes
+  -o smtpd_delay_reject=no
+  -o smtpd_sender_restrictions=\$kemail_auth_only
+  -o smtpd_relay_restrictions=\$kemail_auth_only
+  -o smtpd_recipient_restrictions=\$kemail_auth_only
+$KEMAIL_PEER_HOST:$KEMAIL_PEER_SMTPS_PORT inet n - n - - smtpd
+  -o syslog_name=postfix/smtps
+  -o smtpd_tls_wrappermode=yes
+  -o smtpd_tls_security_level=encrypt
+  -o smtpd_sasl_auth_enable=yes
+  -o smtpd_delay_reject=no
+  -o smtpd_sender_restrictions=\$kemail_auth_only
+  -o smtpd_relay_restrictions=\$kemail_auth_only
+  -o smtpd_recipient_restrictions=\$kemail_auth_only
+$ipv6_listener
+tlsmgr     unix  - - n 1000? 1 tlsmgr
 pickup     unix  n - n 60   1 pickup
 cleanup    unix  n - n -    0 cleanup
 qmgr       unix  n - n 300  1 qmgr
@@ -151,13 +186,15 @@ start() {
   peer_require_root
   stop
   local port
-  for port in "$KEMAIL_PEER_SMTP_OPEN_PORT" "$KEMAIL_PEER_SMTP_AUTH_PORT" "$KEMAIL_PEER_SMTP_POPAUTH_PORT"; do
+  for port in "$KEMAIL_PEER_SMTP_OPEN_PORT" "$KEMAIL_PEER_SMTP_AUTH_PORT" "$KEMAIL_PEER_SMTP_POPAUTH_PORT" \
+              "$KEMAIL_PEER_SMTP_STARTTLS_PORT" "$KEMAIL_PEER_SMTPS_PORT"; do
     peer_require_free_port "$port"
   done
   rm -rf "$base" "$auth"
   peer_prepare_shared
   mkdir -p "$conf" "$spool" "$base/data" "$auth/run" "$auth/state"
   chown postfix:postfix "$base/data"
+  "$KEMAIL_PEERS_SCRIPTS/test-ca.sh" || peer_die "cannot make the test CA and certificates"
   write_postfix_conf
   write_dovecot_conf
   "$KEMAIL_PEERS_SCRIPTS/popauth-map.sh" init >>"$log" 2>&1 || peer_die "cannot build the POP-before-SMTP map (see $log)"
@@ -179,6 +216,14 @@ start() {
   peer_wait_greeting "Postfix (AUTH)" "$log" smtp "$KEMAIL_PEER_SMTP_AUTH_PORT" CRAM-MD5 PLAIN LOGIN \
     >/dev/null || exit 1
   peer_wait_greeting "Postfix (POP before SMTP)" "$log" smtp "$KEMAIL_PEER_SMTP_POPAUTH_PORT" >/dev/null || exit 1
+  peer_wait_greeting "Postfix (STARTTLS)" "$log" starttls "$KEMAIL_PEER_SMTP_STARTTLS_PORT" CRAM-MD5 PLAIN \
+    LOGIN >/dev/null || exit 1
+  peer_wait_greeting "Postfix (SMTPS)" "$log" smtps "$KEMAIL_PEER_SMTPS_PORT" CRAM-MD5 PLAIN LOGIN \
+    >/dev/null || exit 1
+  if [ "$KEMAIL_PEER_HAS_IPV6" = yes ]; then
+    KEMAIL_PROBE_HOST=$KEMAIL_PEER_HOST6 peer_wait_greeting "Postfix (open, IPv6)" "$log" smtp \
+      "$KEMAIL_PEER_SMTP_OPEN_PORT" >/dev/null || exit 1
+  fi
 }
 
 case "${1:-}" in
