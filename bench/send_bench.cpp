@@ -9,6 +9,9 @@
 // `send_bench --sink PORT` only runs the sink (for strace -c -f of one send
 // made by another process, e.g. kemail-send).
 #include "kemail.h"
+#include "bench_files.h"
+#include "floor_client.h"
+#include "sink.h"
 
 #include <benchmark/benchmark.h>
 
@@ -32,161 +35,9 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-// A do-nothing SMTP server on 127.0.0.1: one connection at a time, every
-// command answered at once, message data discarded. It notes when the last
-// connection was accepted, which splits a send's time into composing (before
-// the connection) and the session (after).
-class Sink {
-public:
-    explicit Sink(uint16_t port = 0) {
-        listen_fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const int one = 1;
-        setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        addr.sin_port = htons(port);
-        if (bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-            listen(listen_fd_, 16) != 0) {
-            std::perror("sink");
-            std::exit(1);
-        }
-        socklen_t len = sizeof addr;
-        getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len);
-        port_ = ntohs(addr.sin_port);
-        thread_ = std::thread([this] { run(); });
-    }
-    ~Sink() {
-        stopping_ = true;
-        shutdown(listen_fd_, SHUT_RDWR);
-        thread_.join();
-        close(listen_fd_);
-    }
-    uint16_t port() const { return port_; }
-    Clock::time_point last_accept() const { return Clock::time_point(Clock::duration(accepted_.load())); }
-    unsigned long messages() const { return messages_.load(); }
-
-private:
-    void run() {
-        while (!stopping_) {
-            const int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd < 0) {
-                if (stopping_) return;
-                continue;
-            }
-            accepted_ = Clock::now().time_since_epoch().count();
-            serve(fd);
-            close(fd);
-        }
-    }
-
-    static bool say(int fd, const char* text) {
-        const size_t length = std::strlen(text);
-        return send(fd, text, length, MSG_NOSIGNAL) == static_cast<ssize_t>(length);
-    }
-
-    // Looks for the end of message data in data[0, n): returns the bytes up to
-    // and including the mark, or 0 when the mark is not complete yet.
-    // `matched` carries how much of the mark ended the previous block.
-    static size_t end_of_data(const char* data, size_t n, size_t& matched) {
-        static const char kMark[] = "\r\n.\r\n";
-        constexpr size_t kLength = sizeof kMark - 1;
-        size_t i = 0;
-        while (matched > 0 && i < n) {  // finish a mark begun in the previous block
-            const char c = data[i++];
-            matched = c == kMark[matched] ? matched + 1 : (c == '\r' ? 1 : 0);
-            if (matched == kLength) {
-                matched = 0;
-                return i;
-            }
-        }
-        if (const void* hit = memmem(data + i, n - i, kMark, kLength)) {
-            return static_cast<size_t>(static_cast<const char*>(hit) - data) + kLength;
-        }
-        matched = 0;
-        for (size_t k = std::min(kLength - 1, n - i); k > 0; --k) {
-            if (std::memcmp(data + n - k, kMark, k) == 0) {
-                matched = k;
-                break;
-            }
-        }
-        return 0;
-    }
-
-    void serve(int fd) {
-        if (!say(fd, "220 sink ESMTP\r\n")) return;
-        static thread_local char buffer[256 * 1024];
-        std::string line;
-        bool in_data = false;
-        size_t matched = 0;
-        for (;;) {
-            const ssize_t n = recv(fd, buffer, sizeof buffer, 0);
-            if (n <= 0) return;
-            for (ssize_t i = 0; i < n; ++i) {
-                if (in_data) {
-                    // The end mark is looked for with memmem rather than byte by
-                    // byte: the sink's own cost must not be what is measured.
-                    const size_t used = end_of_data(buffer + i, static_cast<size_t>(n - i), matched);
-                    if (used == 0) break;  // the whole rest is message data
-                    i += static_cast<ssize_t>(used) - 1;
-                    in_data = false;
-                    ++messages_;
-                    if (!say(fd, "250 OK\r\n")) return;
-                    continue;
-                }
-                const char c = buffer[i];
-                line.push_back(c);
-                if (c != '\n') continue;
-                if (line.rfind("EHLO", 0) == 0) {
-                    if (!say(fd, "250-sink\r\n250 8BITMIME\r\n")) return;
-                } else if (line.rfind("DATA", 0) == 0) {
-                    in_data = true;
-                    matched = 2;  // the command's CR LF starts the end mark
-                    if (!say(fd, "354 go ahead\r\n")) return;
-                } else if (line.rfind("QUIT", 0) == 0) {
-                    say(fd, "221 bye\r\n");
-                    return;
-                } else if (!say(fd, "250 OK\r\n")) {
-                    return;
-                }
-                line.clear();
-            }
-        }
-    }
-
-    int listen_fd_ = -1;
-    uint16_t port_ = 0;
-    std::thread thread_;
-    std::atomic<bool> stopping_{false};
-    std::atomic<Clock::rep> accepted_{0};
-    std::atomic<unsigned long> messages_{0};
-};
-
-Sink& sink() {
-    static Sink instance;
-    return instance;
-}
-
-// An attachment of the given size, made once and kept until the process ends.
-const std::string& attachment(size_t mib) {
-    static std::string paths[101];
-    std::string& path = paths[mib];
-    if (path.empty()) {
-        path = "/tmp/kemail-bench-" + std::to_string(getpid()) + "-" + std::to_string(mib) + ".bin";
-        FILE* f = std::fopen(path.c_str(), "wb");
-        std::string block(1 << 20, '\0');
-        for (size_t i = 0; i < block.size(); ++i) block[i] = static_cast<char>(i * 131 + i / 7);
-        for (size_t i = 0; i < mib; ++i) std::fwrite(block.data(), 1, block.size(), f);
-        std::fclose(f);
-        std::atexit([] {
-            for (auto& p : paths)
-                if (!p.empty()) std::remove(p.c_str());
-        });
-    }
-    return path;
-}
+using bench::Clock;
+using bench::Sink;
+using bench::sink;
 
 struct Request {
     std::string to = "rcpt@example.test";
@@ -227,7 +78,7 @@ void BM_HundredMiBAttachment(benchmark::State& state) {
     if (!work_dir_ready(state)) return;
     Request request;
     request.text = "See the attached archive.\n";
-    request.file = attachment(100);
+    request.file = bench::attachment(100);
     const unsigned split = static_cast<unsigned>(state.range(0));
     double compose = 0, session = 0;
     const double cpu_start = process_cpu_seconds();
@@ -265,7 +116,7 @@ void BM_PeakMemory(benchmark::State& state) {
     const size_t mib = static_cast<size_t>(state.range(0));
     const std::string split = std::to_string(state.range(1));
     const std::string port = std::to_string(sink().port());
-    const std::string& file = attachment(mib);
+    const std::string& file = bench::attachment(mib);
     long peak_kib = 0;
     for (auto _ : state) {
         const pid_t child = fork();
@@ -296,9 +147,7 @@ BENCHMARK(BM_PeakMemory)
 void BM_ThousandAlerts(benchmark::State& state) {
     if (!work_dir_ready(state)) return;
     Request request;
-    for (int line = 0; request.text.size() < 1024; ++line)
-        request.text += "alert " + std::to_string(line) + ": disk /var above threshold\n";
-    request.text.resize(1024);
+    request.text = bench::alert_text();
     const double cpu_start = process_cpu_seconds();
     const unsigned long before = sink().messages();
     for (auto _ : state) {
@@ -325,7 +174,7 @@ BENCHMARK(BM_ThousandAlerts)->Unit(benchmark::kMillisecond)->UseRealTime()->Iter
 
 int main(int argc, char** argv) {
     if (argc == 3 && std::strcmp(argv[1], "--sink") == 0) {
-        Sink standalone(static_cast<uint16_t>(std::atoi(argv[2])));
+        Sink standalone(static_cast<uint16_t>(std::strtol(argv[2], nullptr, 10)));
         std::printf("sink listening on 127.0.0.1:%u\n", standalone.port());
         std::fflush(stdout);
         pause();
@@ -337,9 +186,39 @@ int main(int argc, char** argv) {
         request.text = "peak memory\n";
         struct stat st {};
         if (stat(argv[2], &st) == 0 && st.st_size > 0) request.file = argv[2];
-        const int result = request.send(static_cast<unsigned>(std::atoi(argv[3])), 64,
-                                        static_cast<uint16_t>(std::atoi(argv[4])));
+        const int result = request.send(static_cast<unsigned>(std::strtol(argv[3], nullptr, 10)), 64,
+                                        static_cast<uint16_t>(std::strtol(argv[4], nullptr, 10)));
         return result == KEMAIL_OK ? 0 : 1;
+    }
+    if (argc == 4 && std::strcmp(argv[1], "--small-sends") == 0) {
+        // One warm-up send, then N sends between two marker calls that
+        // bench/count-syscalls.sh looks for in an strace of this process.
+        const long count = std::strtol(argv[2], nullptr, 10);
+        const auto port = static_cast<uint16_t>(std::strtol(argv[3], nullptr, 10));
+        Request request;
+        request.text = bench::alert_text();
+        if (request.send(0, 64, port) != KEMAIL_OK) return 1;
+        access("/kemail-bench-mark/begin", F_OK);
+        for (long i = 0; i < count; ++i) {
+            if (request.send(0, 64, port) != KEMAIL_OK) return 1;
+        }
+        access("/kemail-bench-mark/end", F_OK);
+        return 0;
+    }
+    if (argc == 4 && std::strcmp(argv[1], "--floor-small-sends") == 0) {
+        const long count = std::strtol(argv[2], nullptr, 10);
+        const auto port = static_cast<uint16_t>(std::strtol(argv[3], nullptr, 10));
+        const std::string message = bench::small_message();
+        access("/kemail-bench-mark/begin", F_OK);
+        for (long i = 0; i < count; ++i) {
+            const int sock = floor_open(port);
+            const int sent = floor_transaction(sock, "bench@example.test", "rcpt@example.test",
+                                               message.data(), message.size(), 0);
+            floor_close(sock);
+            if (sock < 0 || sent != 0) return 1;
+        }
+        access("/kemail-bench-mark/end", F_OK);
+        return 0;
     }
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
