@@ -6,7 +6,8 @@
 // The send reads the file's values when it reads the rest of kemail.ini
 // (load_from_profile); the layers below ask current() for the merged view.
 // A value the file gives that is not accepted counts as absent, the way the
-// designed keys fall back to their defaults.
+// designed keys fall back to their defaults. A key whose behaviour is not in
+// the library yet is neither read nor accepted.
 #pragma once
 
 #include "kemail.h"
@@ -51,5 +52,9 @@ Settings current() noexcept;
 
 // Forgets every override and every value read from the file.
 void reset() noexcept;
+
+// Only keys whose behaviour the library has are taken; tests of the others'
+// parsing turn this on.
+void take_every_key_for_tests(bool on) noexcept;
 
 }  // namespace kemail::options

@@ -21,8 +21,14 @@ using kemail_test::TempDir;
 
 class Options : public ::testing::Test {
 protected:
-    void SetUp() override { kemail::options::reset(); }
-    void TearDown() override { kemail::options::reset(); }
+    void SetUp() override {
+        kemail::options::reset();
+        kemail::options::take_every_key_for_tests(true);
+    }
+    void TearDown() override {
+        kemail::options::take_every_key_for_tests(false);
+        kemail::options::reset();
+    }
 
     // Loads kemail.ini text as the send does.
     void load(const std::string& text) {
@@ -132,6 +138,27 @@ TEST_F(Options, AMissingFileClearsWhatAnEarlierFileGave) {
     ASSERT_TRUE(current().pipelining);
     kemail::options::load_from_profile(nullptr);
     EXPECT_FALSE(current().pipelining);
+}
+
+// Until the library has a key's behaviour, the key is refused: a caller who
+// asks for TLS must not get a send in clear.
+TEST(OptionsAvailable, KeysWithoutTheirBehaviourAreRefused) {
+    kemail::options::reset();
+    for (const char* key : {"TLS", "TLS_VERIFY", "TLS_CA_FILE", "TLS_SERVER_NAME", "POP_TLS",
+                            "ADDRESS_FAMILY", "PIPELINING", "INPUT_CHARSET"}) {
+        EXPECT_EQ(ZvKe_SetOption(key, "1"), -1) << key;
+        EXPECT_EQ(ZvKe_SetOption(key, nullptr), -1) << key;
+    }
+    TempDir dir;
+    const std::string path = dir.file("kemail.ini");
+    kemail_test::write_file(path, "[KEMAIL]\nTLS=starttls\nINPUT_CHARSET=UTF-8\n");
+    ProfileHandle* profile = Com_OpenPrivateProfile(path.c_str(), 0);
+    ASSERT_NE(profile, nullptr);
+    kemail::options::load_from_profile(profile);
+    Com_ClosePrivateProfile(profile, nullptr);
+    const Settings s = current();
+    EXPECT_EQ(s.tls, SmtpTls::None);
+    EXPECT_EQ(s.input_charset, InputCharset::Locale);
 }
 
 }  // namespace
