@@ -13,6 +13,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+// How an attachment part names its file: 1 the bare quoted name, any other
+// value "attachment;" and a filename parameter. The send reads it from the
+// mail configuration before composing.
+int Content_D_flg = 0;
+
 namespace kemail {
 namespace {
 

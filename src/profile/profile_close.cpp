@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "kemail.h"
-#include "util/profile.h"
+#include "profile/profile.h"
 #include "util/unique_fd.h"
 #include "util/util.h"
 

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "kemail.h"
-#include "util/profile.h"
+#include "profile/profile.h"
 #include "util/util.h"
 
 namespace {

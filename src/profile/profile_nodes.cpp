@@ -1,7 +1,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "util/profile.h"
+#include "profile/profile.h"
 #include "util/util.h"
 
 namespace kemail {

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "kemail.h"
-#include "util/profile.h"
+#include "profile/profile.h"
 #include "util/util.h"
 
 namespace {

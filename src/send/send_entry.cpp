@@ -8,6 +8,9 @@
 #include <atomic>
 #include <cstdio>
 
+// Nonzero while a send runs in this process.
+uint32_t g_ulSendBusy = 0;
+
 namespace {
 
 // The exported busy word, taken with one atomic exchange so that a caller
