@@ -190,6 +190,8 @@ int run_session(const SendPlan& plan, ComposedMessage& composed, int warning) {
     Session s{plan, composed, UniqueFd(), 0, 0, 0};
 
     trace(g_trace, 2, "EMAILAPI00d8");
+    // The socket initialiser only clears the status word: it has no failure,
+    // so its failure records EMAILAPI00e0 and EMAILAPI00e1 are never written.
     trace(g_trace, 1, "INITSOCK0000");
     s.status = 0;
     trace(g_trace, 1, "INITSOCKFFFF");

@@ -38,14 +38,6 @@ void WorkFile::remove() {
 
 namespace {
 
-// Writes all bytes; false with the error number in *file_err otherwise.
-bool write_all(int fd, const char* bytes, size_t length, unsigned* file_err) {
-    if (FileWrite(fd, bytes, length) == static_cast<long>(length)) return true;
-    const int error = GetErrorCode();
-    *file_err = static_cast<unsigned>(error);
-    return false;
-}
-
 // Traces a failed write with its pair of codes; the caller cleans up.
 int staging_write_failed(WorkFile& file, const char* code, const char* error_code,
                          unsigned file_err) {

@@ -1,7 +1,8 @@
-// Owning wrappers that release descriptors, directory streams and heap
-// blocks on every exit path.
+// Owning wrappers that release descriptors, directory streams, stdio
+// streams and heap blocks on every exit path.
 #pragma once
 
+#include <cstdio>
 #include <cstdlib>
 #include <utility>
 
@@ -51,6 +52,23 @@ public:
 
 private:
     DIR* dir_;
+};
+
+// A stdio stream, closed with fclose (read-only streams: nothing is lost
+// when the close fails).
+class UniqueFile {
+public:
+    explicit UniqueFile(FILE* file) : file_(file) {}
+    ~UniqueFile() {
+        if (file_) std::fclose(file_);
+    }
+    UniqueFile(const UniqueFile&) = delete;
+    UniqueFile& operator=(const UniqueFile&) = delete;
+    FILE* get() const { return file_; }
+    explicit operator bool() const { return file_ != nullptr; }
+
+private:
+    FILE* file_;
 };
 
 // A malloc'ed block (allocation failures stay visible as a null pointer).

@@ -16,17 +16,6 @@
 
 namespace {
 
-TEST(FormatLine, CutsAndReportsTheStoredLength) {
-    char out[8];
-    EXPECT_EQ(kemail::format_line(out, sizeof out, "%s", "abc"), 3u);
-    EXPECT_STREQ(out, "abc");
-    EXPECT_EQ(kemail::format_line(out, sizeof out, "%s", "abcdefghij"), 7u);
-    EXPECT_STREQ(out, "abcdefg");
-    EXPECT_EQ(kemail::format_line(out, 1, "%s", "abc"), 0u);
-    EXPECT_STREQ(out, "");
-    EXPECT_EQ(kemail::format_line(out, 0, "%s", "abc"), 0u);
-}
-
 TEST(RecipientCursor, KeepsEachCommaAndMarksTheLast) {
     kemail::RecipientCursor cursor("a@x, b@y,c@z");
     char element[16];
