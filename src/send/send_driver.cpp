@@ -192,6 +192,9 @@ int prepare_texts(const char* subject, const char* text, char (&subject_out)[kSu
     int warning = 0;
     const iconv_t converter = Cnv_open("eucJP", "SJIS");
     if (converter == reinterpret_cast<iconv_t>(-1)) {
+        // Kept: the line converter then leaves subject and text empty, so
+        // both go out empty and the call answers 1
+        // (test LineConverter.NoConverterLeavesDestinationEmpty).
         trace(g_trace, 0, "EMAILAPI0061");
         warning = 1;
     }
