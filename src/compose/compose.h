@@ -80,32 +80,17 @@ struct LineCodes {
 
 class HeaderSink {
 public:
-    // 0, or the sink's failure result with the error word in *pulErr.
-    virtual int put(const char* text, size_t length, const LineCodes& codes) = 0;
-
-protected:
-    ~HeaderSink() = default;
-};
-
-// Writes to the message file; a failed write is -33.
-class FileSink final : public HeaderSink {
-public:
-    FileSink(int fd, unsigned int* pulErr) : fd_(fd), pulErr_(pulErr) {}
-    int put(const char* text, size_t length, const LineCodes& codes) override;
+    enum class Kind {
+        File,    // the message file; a failed write is -33
+        Socket,  // the SMTP connection; a failed send is the transport's result
+    };
+    HeaderSink(Kind kind, int fd, unsigned int* pulErr) : kind_(kind), fd_(fd), pulErr_(pulErr) {}
+    // 0, or the failure result with the error word in *pulErr.
+    int put(const char* text, size_t length, const LineCodes& codes);
 
 private:
+    Kind kind_;
     int fd_;
-    unsigned int* pulErr_;
-};
-
-// Sends on the SMTP connection; a failed send is the transport's result.
-class SocketSink final : public HeaderSink {
-public:
-    SocketSink(int sock, unsigned int* pulErr) : sock_(sock), pulErr_(pulErr) {}
-    int put(const char* text, size_t length, const LineCodes& codes) override;
-
-private:
-    int sock_;
     unsigned int* pulErr_;
 };
 

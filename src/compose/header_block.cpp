@@ -11,19 +11,16 @@
 
 namespace kemail {
 
-int FileSink::put(const char* text, size_t length, const LineCodes& codes) {
+int HeaderSink::put(const char* text, size_t length, const LineCodes& codes) {
     if (codes.before != nullptr) trace_text(g_trace, 2, codes.before, text);
-    if (!write_traced(fd_, text, length, codes.failed, pulErr_)) return -33;
-    if (codes.after != nullptr) trace_text(g_trace, 2, codes.after, text);
-    return 0;
-}
-
-int SocketSink::put(const char* text, size_t length, const LineCodes& codes) {
-    if (codes.before != nullptr) trace_text(g_trace, 2, codes.before, text);
-    const int result = SMTP_send(sock_, text, static_cast<int>(length), pulErr_);
-    if (result != 0) {
-        trace_word(g_trace, 0, codes.failed, *pulErr_);
-        return result;
+    if (kind_ == Kind::File) {
+        if (!write_traced(fd_, text, length, codes.failed, pulErr_)) return -33;
+    } else {
+        const int result = SMTP_send(fd_, text, static_cast<int>(length), pulErr_);
+        if (result != 0) {
+            trace_word(g_trace, 0, codes.failed, *pulErr_);
+            return result;
+        }
     }
     if (codes.after != nullptr) trace_text(g_trace, 2, codes.after, text);
     return 0;

@@ -33,7 +33,7 @@ int send_outer_header(int sock, const char* from, const char* to, const char* su
     SMTP_makeDate(date);
     SMTP_SetStartTime();
 
-    SocketSink sink(sock, pulErr);
+    HeaderSink sink(HeaderSink::Kind::Socket, sock, pulErr);
     static constexpr AddressCodes kAddressCodes{.date = {nullptr, "smtp1410", "smtp1415"},
                                                 .from = {nullptr, "smtp1420", "smtp1425"},
                                                 .to = {nullptr, "smtp1430", "smtp1430-1"},

@@ -163,7 +163,7 @@ extern "C" KEMAIL_API int SMTP_makeTopData(int lFile, const char* pszBodyPath, c
     trace(g_trace, 1, "smtp0600");
     lseek(lFile, 0, SEEK_SET);
 
-    FileSink sink(lFile, pulErr);
+    HeaderSink sink(HeaderSink::Kind::File, lFile, pulErr);
     // Holds each recipient element, then the encoded subject.
     char element[kElementBufferSize] = {};
     if (lPartial == 0) {

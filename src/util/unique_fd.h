@@ -39,37 +39,27 @@ private:
     int fd_ = -1;
 };
 
-class UniqueDir {
+// A handle of a C library stream type released by its close function
+// (closedir, fclose). Directory and read-only streams only: nothing is lost
+// when the close fails, so its result is not needed.
+template <typename Handle, int (*Close)(Handle*)>
+class UniqueHandle {
 public:
-    explicit UniqueDir(DIR* dir) : dir_(dir) {}
-    ~UniqueDir() {
-        if (dir_) ::closedir(dir_);
+    explicit UniqueHandle(Handle* handle) : handle_(handle) {}
+    ~UniqueHandle() {
+        if (handle_) Close(handle_);
     }
-    UniqueDir(const UniqueDir&) = delete;
-    UniqueDir& operator=(const UniqueDir&) = delete;
-    DIR* get() const { return dir_; }
-    explicit operator bool() const { return dir_ != nullptr; }
+    UniqueHandle(const UniqueHandle&) = delete;
+    UniqueHandle& operator=(const UniqueHandle&) = delete;
+    Handle* get() const { return handle_; }
+    explicit operator bool() const { return handle_ != nullptr; }
 
 private:
-    DIR* dir_;
+    Handle* handle_;
 };
 
-// A stdio stream, closed with fclose (read-only streams: nothing is lost
-// when the close fails).
-class UniqueFile {
-public:
-    explicit UniqueFile(FILE* file) : file_(file) {}
-    ~UniqueFile() {
-        if (file_) std::fclose(file_);
-    }
-    UniqueFile(const UniqueFile&) = delete;
-    UniqueFile& operator=(const UniqueFile&) = delete;
-    FILE* get() const { return file_; }
-    explicit operator bool() const { return file_ != nullptr; }
-
-private:
-    FILE* file_;
-};
+using UniqueDir = UniqueHandle<DIR, ::closedir>;
+using UniqueFile = UniqueHandle<FILE, ::fclose>;
 
 // A malloc'ed block (allocation failures stay visible as a null pointer).
 template <typename T>
