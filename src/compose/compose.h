@@ -11,7 +11,11 @@
 // every return from JIS X 0208 is ESC ( J; an invalid trail byte maps to the
 // OR of the two bytes, which writes a NUL and ends the converted text; the
 // subject fold may split an ASCII word; the Date of a UTC host ends in -0000;
-// the host-name cache of the Message-Id is filled once per process.
+// the host-name cache of the Message-Id is filled once per process; the
+// subject buffer traced before encoding still holds the last recipient
+// element; the text part ends with one more CR LF (an empty line after a
+// body that ended in one); the line converter leaves its destination empty
+// when it has no converter and shares CHANGE0010/0020 with the code changer.
 #pragma once
 
 #include "kemail.h"
