@@ -21,6 +21,11 @@
 #else
 #define KEMAIL_API
 #endif
+#ifdef __cplusplus
+#define KEMAIL_NOEXCEPT noexcept
+#else
+#define KEMAIL_NOEXCEPT
+#endif
 
 #ifdef __cplusplus
 extern "C" {
@@ -136,7 +141,7 @@ KEMAIL_API int ZvKe_SendEMail(MailAddressInfo* pstAddress, int lAddressCount,
                               const char* pszFrom, const char* pszSubject,
                               const char* pszServer, unsigned int ulSplit,
                               SendOptionInfo* pstOption, MailTimeoutInfo* pstTimeout,
-                              MailAuthInfo* pstAuth, char* pszMessage);
+                              MailAuthInfo* pstAuth, char* pszMessage) KEMAIL_NOEXCEPT;
 
 KEMAIL_API int ZvKe_SendEMailPartial_parts(unsigned int ulReserved,
                               MailAddressInfo* pstAddress, int lAddressCount,
@@ -145,7 +150,7 @@ KEMAIL_API int ZvKe_SendEMailPartial_parts(unsigned int ulReserved,
                               const char* pszServer, unsigned int ulSplit,
                               SendOptionInfo* pstOption, MailTimeoutInfo* pstTimeout,
                               MailAuthInfo* pstAuth, char* pszMessage,
-                              const char* pszTempDir);
+                              const char* pszTempDir) KEMAIL_NOEXCEPT;
 
 /* Sets one setting beyond the designed behaviour for this process, taking
  * precedence over section KEMAIL of kemail.ini; a null value removes the
@@ -170,19 +175,19 @@ typedef struct TraceHandle {
 /* Output buffer of MakeTraceFileName: 1025 bytes. */
 #define KEMAIL_TRACE_NAME_SIZE 1025
 
-KEMAIL_API TraceHandle* Topen(const char* pszPath, unsigned int ulSizeKb, unsigned int ulLevel);
+KEMAIL_API TraceHandle* Topen(const char* pszPath, unsigned int ulSizeKb, unsigned int ulLevel) KEMAIL_NOEXCEPT;
 KEMAIL_API int Twrite(TraceHandle* pHandle, unsigned int ulLevel, const char* pszCode,
-                      const void* pData, unsigned int ulLength);
-KEMAIL_API int Tclose(TraceHandle* pHandle);
+                      const void* pData, unsigned int ulLength) KEMAIL_NOEXCEPT;
+KEMAIL_API int Tclose(TraceHandle* pHandle) KEMAIL_NOEXCEPT;
 KEMAIL_API int GetTraceInfo(const char* pszSection, unsigned int ulUnused,
-                            unsigned int* pulSize, unsigned int* pulLevel, unsigned int* pulCount);
-KEMAIL_API int Trc_GetSizeLevel(const char* pszSection, unsigned int* pulSize, unsigned int* pulLevel);
+                            unsigned int* pulSize, unsigned int* pulLevel, unsigned int* pulCount) KEMAIL_NOEXCEPT;
+KEMAIL_API int Trc_GetSizeLevel(const char* pszSection, unsigned int* pulSize, unsigned int* pulLevel) KEMAIL_NOEXCEPT;
 KEMAIL_API void MakeTraceFileName(char* pszOut, unsigned int ulUnused, const char* pszPrefix,
-                                  unsigned int ulLevel);
+                                  unsigned int ulLevel) KEMAIL_NOEXCEPT;
 KEMAIL_API int DeleteOldFiles(unsigned int ulUnused, const char* pszPrefix, unsigned int ulKeep,
-                              unsigned int ulLevel);
+                              unsigned int ulLevel) KEMAIL_NOEXCEPT;
 KEMAIL_API int DeleteOldFiles_DIR(const char* pszDir, const char* pszPrefix, const char* pszExt,
-                                  unsigned int ulKeep, unsigned int ulLevel);
+                                  unsigned int ulKeep, unsigned int ulLevel) KEMAIL_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
 /* Mail log.                                                                */
@@ -199,13 +204,13 @@ typedef struct MailLogHandle {
 #define KEMAIL_LOG_RECEIVED 2
 #define KEMAIL_LOG_NOTE     3
 
-KEMAIL_API MailLogHandle* MailLogOpen(unsigned int ulUnused);
-KEMAIL_API int MailLogWrite(MailLogHandle* pHandle, int lKind, const char* pszText);
+KEMAIL_API MailLogHandle* MailLogOpen(unsigned int ulUnused) KEMAIL_NOEXCEPT;
+KEMAIL_API int MailLogWrite(MailLogHandle* pHandle, int lKind, const char* pszText) KEMAIL_NOEXCEPT;
 KEMAIL_API int MailLogSysErrWrite(MailLogHandle* pHandle, const char* pszFunc, int lResult,
-                                  long lErrno, const char* pszExtra);
+                                  long lErrno, const char* pszExtra) KEMAIL_NOEXCEPT;
 KEMAIL_API int MailLogTimeOutWrite(MailLogHandle* pHandle, int lSeconds, int lKind,
-                                   const char* pszExtra);
-KEMAIL_API int MailLogClose(MailLogHandle* pHandle);
+                                   const char* pszExtra) KEMAIL_NOEXCEPT;
+KEMAIL_API int MailLogClose(MailLogHandle* pHandle) KEMAIL_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
 /* Exported globals.                                                        */
@@ -277,15 +282,15 @@ KEMAIL_API int  SMTP_authCramMd5(int lSock, const AuthCertInfo* pstCert, unsigne
 KEMAIL_API int  SMTP_authPlain(int lSock, const AuthCertInfo* pstCert, unsigned int* pulErr);
 KEMAIL_API int  SMTP_authLogin(int lSock, const AuthCertInfo* pstCert, unsigned int* pulErr);
 /* pszOut: at least 4 * ceil((2 * user + password + 2) / 3) + 1 bytes (261 for the limits). */
-KEMAIL_API int  Auth_GetCertPlainString(const char* pszUser, const char* pszPassword, char* pszOut);
+KEMAIL_API int  Auth_GetCertPlainString(const char* pszUser, const char* pszPassword, char* pszOut) KEMAIL_NOEXCEPT;
 /* Each output: 256 bytes. */
 KEMAIL_API int  Auth_GetCertLoginString(const char* pszUser, const char* pszPassword,
-                                        char* pszOutUser, char* pszOutPassword);
+                                        char* pszOutUser, char* pszOutPassword) KEMAIL_NOEXCEPT;
 KEMAIL_API int  Auth_GetCertCramString(const char* pszUser, const char* pszPassword,
-                                       const char* pszChallenge, char* pszOut);
+                                       const char* pszChallenge, char* pszOut) KEMAIL_NOEXCEPT;
 /* pIn must have 3 writable bytes after lLength. */
-KEMAIL_API int  Auth_Base64Encode(unsigned char* pIn, char* pszOut, int lLength);
-KEMAIL_API int  Auth_Base64Decode(unsigned char* pOut, const char* pszIn, int lLength);
+KEMAIL_API int  Auth_Base64Encode(unsigned char* pIn, char* pszOut, int lLength) KEMAIL_NOEXCEPT;
+KEMAIL_API int  Auth_Base64Decode(unsigned char* pOut, const char* pszIn, int lLength) KEMAIL_NOEXCEPT;
 
 KEMAIL_API int SMTP_MAIL(int lSock, const char* pszFrom, const char* pszTo, unsigned int* pulErr);
 KEMAIL_API int SMTP_startData(int lSock, unsigned int* pulErr);
@@ -294,9 +299,9 @@ KEMAIL_API int SMTP_endData(int lSock, unsigned int* pulErr);
 KEMAIL_API int SMTP_RSET(int lSock, unsigned int* pulErr);
 KEMAIL_API int SMTP_QUIT(int lSock, unsigned int* pulErr);
 KEMAIL_API int SMTP_getSendData(int lFile, char* pBuf, int lSizeKb, const char* pszBoundary,
-                                unsigned int* pulErr);
-KEMAIL_API int SMTP_getline(const char* pBuf, int lEnd, char* pszLine, int lSize);
-KEMAIL_API int SMTP_addline(int lFile, char* pDest, int lCount, unsigned int* pulErr);
+                                unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int SMTP_getline(const char* pBuf, int lEnd, char* pszLine, int lSize) KEMAIL_NOEXCEPT;
+KEMAIL_API int SMTP_addline(int lFile, char* pDest, int lCount, unsigned int* pulErr) KEMAIL_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
 /* Message composition.                                                     */
@@ -307,22 +312,22 @@ KEMAIL_API int SMTP_addline(int lFile, char* pDest, int lCount, unsigned int* pu
 #define KEMAIL_MSGID_SIZE    1024
 #define KEMAIL_PARTIAL_ID_SIZE 1029
 
-KEMAIL_API int  SMTP_sjistojis(int lCode);
-KEMAIL_API void SMTP_toISO2022(const char* pszSrc, char* pszDst);
-KEMAIL_API int  SMTP_toBase64(unsigned char* pIn, char* pszOut, int lLength);
-KEMAIL_API void SMTP_makeSubject(const char* pszSubject, char* pszOut);
-KEMAIL_API int  SMTP_makeDate(char* pszOut);
-KEMAIL_API void SMTP_MakeMsgId(char* pszOut);
-KEMAIL_API void SMTP_makeBoundary(char* pszDst);
+KEMAIL_API int  SMTP_sjistojis(int lCode) KEMAIL_NOEXCEPT;
+KEMAIL_API void SMTP_toISO2022(const char* pszSrc, char* pszDst) KEMAIL_NOEXCEPT;
+KEMAIL_API int  SMTP_toBase64(unsigned char* pIn, char* pszOut, int lLength) KEMAIL_NOEXCEPT;
+KEMAIL_API void SMTP_makeSubject(const char* pszSubject, char* pszOut) KEMAIL_NOEXCEPT;
+KEMAIL_API int  SMTP_makeDate(char* pszOut) KEMAIL_NOEXCEPT;
+KEMAIL_API void SMTP_MakeMsgId(char* pszOut) KEMAIL_NOEXCEPT;
+KEMAIL_API void SMTP_makeBoundary(char* pszDst) KEMAIL_NOEXCEPT;
 KEMAIL_API int  SMTP_makeAppendData(int lFile, const char* pszPath, const char* pszBoundary,
-                                    int lMore, unsigned int* pulErr);
+                                    int lMore, unsigned int* pulErr) KEMAIL_NOEXCEPT;
 KEMAIL_API int  SMTP_makeTopData(int lFile, const char* pszBodyPath, const char* pszFrom,
                                  const char* pszTo, const char* pszSubject, char* pszBoundary,
-                                 int lMultipart, int lPartial, unsigned int* pulErr);
-KEMAIL_API int  SMTP_makeid(char* pszId, const char* pszFrom);
+                                 int lMultipart, int lPartial, unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int  SMTP_makeid(char* pszId, const char* pszFrom) KEMAIL_NOEXCEPT;
 KEMAIL_API int  SMTP_sendData_Partial(int lSock, char* pPiece, int lLength, const char* pszFrom,
                                       const char* pszTo, const char* pszSubject, int lNumber,
-                                      int lTotal, const char* pszId, unsigned int* pulErr);
+                                      int lTotal, const char* pszId, unsigned int* pulErr) KEMAIL_NOEXCEPT;
 
 /* Locale table row: kind 1 exact, 2 case-insensitive, 0 end of table. */
 typedef struct LangInfo {
@@ -333,13 +338,13 @@ typedef struct LangInfo {
 KEMAIL_API extern const LangInfo stEucLangInfo[];
 KEMAIL_API extern const LangInfo stSjisLangInfo[];
 
-KEMAIL_API iconv_t Cnv_open(const char* pszFrom, const char* pszTo);
+KEMAIL_API iconv_t Cnv_open(const char* pszFrom, const char* pszTo) KEMAIL_NOEXCEPT;
 KEMAIL_API int  Cnv_euctosjis(iconv_t cd, unsigned int ulInLen, const char* pIn,
-                              unsigned int ulOutCap, char* pOut, unsigned int* pulOutLen);
+                              unsigned int ulOutCap, char* pOut, unsigned int* pulOutLen) KEMAIL_NOEXCEPT;
 KEMAIL_API int  Cnv_sjistoeuc(iconv_t cd, unsigned int ulInLen, const char* pIn,
-                              unsigned int ulOutCap, char* pOut, unsigned int* pulOutLen);
-KEMAIL_API void Cnv_close(iconv_t cd);
-KEMAIL_API void Cnv_tocode(const char* pszSrc, char* pszDst);
+                              unsigned int ulOutCap, char* pOut, unsigned int* pulOutLen) KEMAIL_NOEXCEPT;
+KEMAIL_API void Cnv_close(iconv_t cd) KEMAIL_NOEXCEPT;
+KEMAIL_API void Cnv_tocode(const char* pszSrc, char* pszDst) KEMAIL_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
 /* POP3 client.                                                             */
@@ -380,53 +385,53 @@ typedef struct ProfileHandle {
     uint32_t        state;    /* 0 unchanged, 1 modified, 2 a change ran out of memory */
 } ProfileHandle;
 
-KEMAIL_API ProfileHandle* Com_OpenPrivateProfile(const char* pszPath, unsigned int ulFlags);
+KEMAIL_API ProfileHandle* Com_OpenPrivateProfile(const char* pszPath, unsigned int ulFlags) KEMAIL_NOEXCEPT;
 KEMAIL_API ProfileHandle* Com_OpenPrivateProfile2(const char* pszPath, unsigned int ulFlags,
-                                                  int* plErr);
-KEMAIL_API int Com_ClosePrivateProfile(ProfileHandle* pHandle, const char* pszPath);
-KEMAIL_API int Com_ClosePrivateProfile2(ProfileHandle* pHandle, const char* pszPath, int* plErr);
+                                                  int* plErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int Com_ClosePrivateProfile(ProfileHandle* pHandle, const char* pszPath) KEMAIL_NOEXCEPT;
+KEMAIL_API int Com_ClosePrivateProfile2(ProfileHandle* pHandle, const char* pszPath, int* plErr) KEMAIL_NOEXCEPT;
 KEMAIL_API int Com_GetPrivateProfileString(ProfileHandle* pHandle, const char* pszSection,
                                            const char* pszKey, const char* pszDefault,
-                                           char* pszOut, unsigned int ulSize);
+                                           char* pszOut, unsigned int ulSize) KEMAIL_NOEXCEPT;
 KEMAIL_API int Com_GetPrivateProfileInt(ProfileHandle* pHandle, const char* pszSection,
-                                        const char* pszKey, int lDefault, const char* pszPath);
+                                        const char* pszKey, int lDefault, const char* pszPath) KEMAIL_NOEXCEPT;
 KEMAIL_API unsigned int Com_GetPrivateProfileIntHex(ProfileHandle* pHandle,
                                                     const char* pszSection, const char* pszKey,
-                                                    unsigned int ulDefault, const char* pszPath);
+                                                    unsigned int ulDefault, const char* pszPath) KEMAIL_NOEXCEPT;
 KEMAIL_API int Com_WritePrivateProfileString(ProfileHandle* pHandle, const char* pszSection,
-                                             const char* pszKey, const char* pszValue);
+                                             const char* pszKey, const char* pszValue) KEMAIL_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
 /* File, directory, process and dynamic-loading helpers.                    */
 /* Paths longer than 1024 bytes are refused (-1 or null, errno ENAMETOOLONG).*/
 /* ------------------------------------------------------------------------ */
 
-KEMAIL_API int  GetErrorCode(void);
-KEMAIL_API int  FileOpen(const char* pszPath);
-KEMAIL_API int  FileOpenRead(const char* pszPath);
-KEMAIL_API int  FileOpen2(const char* pszPath, int lTruncate);
-KEMAIL_API long FileRead(int lFile, void* pBuf, size_t ulLength);
-KEMAIL_API long FileWrite(int lFile, const void* pBuf, size_t ulLength);
-KEMAIL_API int  FileClose(int lFile);
-KEMAIL_API int  FileDelete(const char* pszPath);
-KEMAIL_API long FileSeek(int lFile, long lOffset, int lOrigin);
-KEMAIL_API int  FileStat(const char* pszPath, struct stat* pstStat);
-KEMAIL_API long FileSize(int lFile);
-KEMAIL_API long FileSize_Name(const char* pszPath);
-KEMAIL_API int  FileBackUp(const char* pszPath);
-KEMAIL_API int  RenameFile(const char* pszOld, const char* pszNew);
-KEMAIL_API DIR* DirectryOpen(const char* pszPath);
-KEMAIL_API struct dirent* DirectryRead(DIR* pDir, struct dirent* pstEntry);
-KEMAIL_API int  DirectryClose(DIR* pDir);
-KEMAIL_API int  DirectryMake(const char* pszPath);
+KEMAIL_API int  GetErrorCode(void) KEMAIL_NOEXCEPT;
+KEMAIL_API int  FileOpen(const char* pszPath) KEMAIL_NOEXCEPT;
+KEMAIL_API int  FileOpenRead(const char* pszPath) KEMAIL_NOEXCEPT;
+KEMAIL_API int  FileOpen2(const char* pszPath, int lTruncate) KEMAIL_NOEXCEPT;
+KEMAIL_API long FileRead(int lFile, void* pBuf, size_t ulLength) KEMAIL_NOEXCEPT;
+KEMAIL_API long FileWrite(int lFile, const void* pBuf, size_t ulLength) KEMAIL_NOEXCEPT;
+KEMAIL_API int  FileClose(int lFile) KEMAIL_NOEXCEPT;
+KEMAIL_API int  FileDelete(const char* pszPath) KEMAIL_NOEXCEPT;
+KEMAIL_API long FileSeek(int lFile, long lOffset, int lOrigin) KEMAIL_NOEXCEPT;
+KEMAIL_API int  FileStat(const char* pszPath, struct stat* pstStat) KEMAIL_NOEXCEPT;
+KEMAIL_API long FileSize(int lFile) KEMAIL_NOEXCEPT;
+KEMAIL_API long FileSize_Name(const char* pszPath) KEMAIL_NOEXCEPT;
+KEMAIL_API int  FileBackUp(const char* pszPath) KEMAIL_NOEXCEPT;
+KEMAIL_API int  RenameFile(const char* pszOld, const char* pszNew) KEMAIL_NOEXCEPT;
+KEMAIL_API DIR* DirectryOpen(const char* pszPath) KEMAIL_NOEXCEPT;
+KEMAIL_API struct dirent* DirectryRead(DIR* pDir, struct dirent* pstEntry) KEMAIL_NOEXCEPT;
+KEMAIL_API int  DirectryClose(DIR* pDir) KEMAIL_NOEXCEPT;
+KEMAIL_API int  DirectryMake(const char* pszPath) KEMAIL_NOEXCEPT;
 KEMAIL_API int  FileCopy(const char* pszSrcDir, const char* pszDstDir, const char* pszName,
-                         const char* pszNewName, ...);
-KEMAIL_API int  CheckString_NotUpLow(const char* pszA, const char* pszB);
-KEMAIL_API int  ExecDelDir(const char* pszPath, int lMaxDepth);
-KEMAIL_API int  ExecCommand(const char* pszCommand);
-KEMAIL_API void* DLLOpen(const char* pszLibrary);
-KEMAIL_API int  DLLClose(void* pLibrary);
-KEMAIL_API void* DLLGetProcAddress(void* pLibrary, const char* pszSymbol);
+                         const char* pszNewName, ...) KEMAIL_NOEXCEPT;
+KEMAIL_API int  CheckString_NotUpLow(const char* pszA, const char* pszB) KEMAIL_NOEXCEPT;
+KEMAIL_API int  ExecDelDir(const char* pszPath, int lMaxDepth) KEMAIL_NOEXCEPT;
+KEMAIL_API int  ExecCommand(const char* pszCommand) KEMAIL_NOEXCEPT;
+KEMAIL_API void* DLLOpen(const char* pszLibrary) KEMAIL_NOEXCEPT;
+KEMAIL_API int  DLLClose(void* pLibrary) KEMAIL_NOEXCEPT;
+KEMAIL_API void* DLLGetProcAddress(void* pLibrary, const char* pszSymbol) KEMAIL_NOEXCEPT;
 
 #ifdef __cplusplus
 }

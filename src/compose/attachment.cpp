@@ -2,6 +2,7 @@
 #include "compose/compose.h"
 
 #include "log/trace_record.h"
+#include "util/format.h"
 #include "smtp/smtp_buffers.h"
 #include "util/unique_fd.h"
 #include "util/util.h"
@@ -12,6 +13,11 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+// How an attachment part names its file: 1 the bare quoted name, any other
+// value "attachment;" and a filename parameter. The send reads it from the
+// mail configuration before composing.
+int Content_D_flg = 0;
 
 namespace kemail {
 namespace {
@@ -108,14 +114,14 @@ using namespace kemail;
 
 extern "C" {
 
-KEMAIL_API void SMTP_makeBoundary(char* pszDst) {
+KEMAIL_API void SMTP_makeBoundary(char* pszDst) noexcept {
     if (pszDst == nullptr) return;
-    format_line(pszDst, KEMAIL_BOUNDARY_SIZE, "---------------ZvLunt%.10d",
+    format_into(pszDst, KEMAIL_BOUNDARY_SIZE, Overflow::Cut, "---------------ZvLunt%.10d",
                 static_cast<int>(time(nullptr)));
 }
 
 KEMAIL_API int SMTP_makeAppendData(int lFile, const char* pszPath, const char* pszBoundary,
-                                   int lMore, unsigned int* pulErr) {
+                                   int lMore, unsigned int* pulErr) noexcept {
     unsigned int local_err = 0;
     if (pulErr == nullptr) pulErr = &local_err;
     *pulErr = 0;
@@ -125,19 +131,20 @@ KEMAIL_API int SMTP_makeAppendData(int lFile, const char* pszPath, const char* p
     char name[kNameBufferSize];
     attachment_name(path, name, sizeof name);
 
-    size_t n = format_line(s_szSendBuf, sizeof s_szSendBuf, "\r\n--%s\r\n", boundary);
+    size_t n = static_cast<size_t>(
+        format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut, "\r\n--%s\r\n", boundary));
     if (!write_traced(lFile, s_szSendBuf, n, "smtp0705", pulErr)) return -33;
-    n = format_line(s_szSendBuf, sizeof s_szSendBuf,
+    n = format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut,
                     "Content-Type: application/octet-stream; name=\"%s\"\r\n", name);
     if (!write_traced(lFile, s_szSendBuf, n, "smtp0710", pulErr)) return -33;
     static const char kEncoding[] = "Content-Transfer-Encoding: base64\r\n";
     if (!write_traced(lFile, kEncoding, sizeof kEncoding - 1, "smtp0715", pulErr)) return -33;
     if (Content_D_flg == 1) {
         trace(g_trace, 0, "smtp0718");
-        n = format_line(s_szSendBuf, sizeof s_szSendBuf, "Content-Disposition: \"%s\"\r\n", name);
+        n = format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut, "Content-Disposition: \"%s\"\r\n", name);
     } else {
         trace(g_trace, 0, "smtp0717");
-        n = format_line(s_szSendBuf, sizeof s_szSendBuf,
+        n = format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut,
                         "Content-Disposition: attachment;\r\n\tfilename=\"%s\"\r\n", name);
     }
     if (!write_traced(lFile, s_szSendBuf, n, "smtp0720", pulErr)) return -33;
@@ -162,7 +169,7 @@ KEMAIL_API int SMTP_makeAppendData(int lFile, const char* pszPath, const char* p
     trace(g_trace, 0, "smtp0736");
     file.reset();
     if (lMore == 0) {
-        n = format_line(s_szSendBuf, sizeof s_szSendBuf, "--%s--\r\n", boundary);
+        n = format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut, "--%s--\r\n", boundary);
         if (!write_traced(lFile, s_szSendBuf, n, "smtp0745", pulErr)) return -33;
     }
     trace(g_trace, 1, "smtp07FF");

@@ -48,7 +48,7 @@ size_t base64_encode(const unsigned char* in, size_t length, char* out) {
 
 }  // namespace kemail
 
-extern "C" KEMAIL_API int SMTP_toBase64(unsigned char* pIn, char* pszOut, int lLength) {
+extern "C" KEMAIL_API int SMTP_toBase64(unsigned char* pIn, char* pszOut, int lLength) noexcept {
     if (pszOut == nullptr) return 0;
     if (pIn == nullptr || lLength < 0) {
         pszOut[0] = '\0';

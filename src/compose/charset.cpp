@@ -79,29 +79,29 @@ extern "C" KEMAIL_API const LangInfo stSjisLangInfo[] = {
 
 extern "C" {
 
-KEMAIL_API iconv_t Cnv_open(const char* pszFrom, const char* pszTo) {
+KEMAIL_API iconv_t Cnv_open(const char* pszFrom, const char* pszTo) noexcept {
     // Only the two spellings the library itself uses are accepted.
     if (!is_known_code(pszFrom) || !is_known_code(pszTo)) return kNoConverter;
     return iconv_open(pszTo, pszFrom);
 }
 
 KEMAIL_API int Cnv_euctosjis(iconv_t cd, unsigned int ulInLen, const char* pIn, unsigned int ulOutCap,
-                             char* pOut, unsigned int* pulOutLen) {
+                             char* pOut, unsigned int* pulOutLen) noexcept {
     // Shift_JIS never takes more bytes than the EUC-JP it comes from.
     return convert(cd, ulInLen, pIn, ulOutCap, pOut, pulOutLen, static_cast<size_t>(ulInLen) + 1);
 }
 
 KEMAIL_API int Cnv_sjistoeuc(iconv_t cd, unsigned int ulInLen, const char* pIn, unsigned int ulOutCap,
-                             char* pOut, unsigned int* pulOutLen) {
+                             char* pOut, unsigned int* pulOutLen) noexcept {
     // A one-byte half-width katakana becomes two bytes, some codes three.
     return convert(cd, ulInLen, pIn, ulOutCap, pOut, pulOutLen, 3 * static_cast<size_t>(ulInLen) + 1);
 }
 
-KEMAIL_API void Cnv_close(iconv_t cd) {
+KEMAIL_API void Cnv_close(iconv_t cd) noexcept {
     if (cd != kNoConverter && cd != nullptr) iconv_close(cd);
 }
 
-KEMAIL_API void Cnv_tocode(const char* pszSrc, char* pszDst) {
+KEMAIL_API void Cnv_tocode(const char* pszSrc, char* pszDst) noexcept {
     if (pszDst == nullptr) return;
     const char* src = pszSrc ? pszSrc : "";
     to_hex(reinterpret_cast<const unsigned char*>(src), std::strlen(src), pszDst);

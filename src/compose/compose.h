@@ -11,7 +11,11 @@
 // every return from JIS X 0208 is ESC ( J; an invalid trail byte maps to the
 // OR of the two bytes, which writes a NUL and ends the converted text; the
 // subject fold may split an ASCII word; the Date of a UTC host ends in -0000;
-// the host-name cache of the Message-Id is filled once per process.
+// the host-name cache of the Message-Id is filled once per process; the
+// subject buffer traced before encoding still holds the last recipient
+// element; the text part ends with one more CR LF (an empty line after a
+// body that ended in one); the line converter leaves its destination empty
+// when it has no converter and shares CHANGE0010/0020 with the code changer.
 #pragma once
 
 #include "kemail.h"
@@ -27,17 +31,7 @@ inline bool is_sjis_lead(unsigned char byte) {
     return (byte >= 0x81 && byte <= 0x9F) || (byte >= 0xE0 && byte <= 0xEF);
 }
 
-// snprintf into a buffer of size bytes; returns the length actually stored
-// (cut to size - 1), never the length that would have been needed.
-size_t format_line(char* out, size_t size, const char* format, ...)
-    __attribute__((format(printf, 3, 4)));
-
-// Writes the whole text (retried on EINTR). A short write goes on with the
-// rest, so that a failure always comes with the errno of the write that could
-// not proceed (EFBIG, ENOSPC ...). False, with errno in *pulErr, on failure.
-bool write_all(int fd, const void* data, size_t length, unsigned int* pulErr);
-
-// write_all, and on failure the trace code at level 0 with the errno word.
+// write_all (util), and on failure the trace code at level 0 with the errno word.
 bool write_traced(int fd, const char* text, size_t length, const char* code, unsigned int* pulErr);
 
 // Base64 of length bytes (RFC 4648 alphabet, "=" padding, no line breaks)
@@ -72,14 +66,72 @@ private:
     bool done_ = false;
 };
 
-// The To line of one recipient element: "To: %s\r\n" for the first,
-// four blanks for every further one.
-size_t format_recipient_line(char* out, size_t size, const char* element, bool first);
-
 // Bytes of each recipient element or encoded subject. A longer element is
 // cut to 1039 bytes (its comma goes with the cut part); the next element
 // still starts after that comma. Request records allow 256 bytes in all.
 constexpr size_t kElementBufferSize = 1040;
+
+// Where the header block goes: the message file, or the socket for the
+// outer header of a message/partial piece. Each line is put with the trace
+// codes of its step: `before` (level 2, the line) ahead of the write,
+// `failed` (level 0, the error word) on failure, `after` (level 2, the line)
+// once it is out; `before` and `after` may be null.
+struct LineCodes {
+    const char* before;
+    const char* failed;
+    const char* after;
+};
+
+class HeaderSink {
+public:
+    enum class Kind {
+        File,    // the message file; a failed write is -33
+        Socket,  // the SMTP connection; a failed send is the transport's result
+    };
+    HeaderSink(Kind kind, int fd, unsigned int* pulErr) : kind_(kind), fd_(fd), pulErr_(pulErr) {}
+    // 0, or the failure result with the error word in *pulErr.
+    int put(const char* text, size_t length, const LineCodes& codes);
+
+private:
+    Kind kind_;
+    int fd_;
+    unsigned int* pulErr_;
+};
+
+// The trace codes of the Date, From and To lines.
+struct AddressCodes {
+    LineCodes date;
+    LineCodes from;
+    LineCodes to;
+    const char* to_stopped;  // level 2 after a failed To line, or null
+    const char* to_done;     // level 2 after the last To line
+};
+
+// The header block's lines are formatted in s_szSendBuf, one at a time.
+// Date (the given value), From and one To line per recipient element; each
+// element passes through `element`, which holds the last one afterwards.
+int put_address_lines(HeaderSink& sink, const char* date, const char* from, const char* to,
+                      char (&element)[kElementBufferSize], const AddressCodes& codes);
+// "Subject: " and the encoded subject; for a message/partial piece followed
+// by " [number/total]".
+struct PieceMark {
+    int number;
+    int total;
+};
+int put_subject_line(HeaderSink& sink, const char* encoded, const PieceMark* piece,
+                     const LineCodes& codes);
+// A new Message-Id line, then "MIME-Version: 1.0".
+int put_identity_lines(HeaderSink& sink, const LineCodes& message_id, const LineCodes& mime);
+
+// The To line of one recipient element: "To: %s\r\n" for the first,
+// four blanks for every further one.
+size_t format_recipient_line(char* out, size_t size, const char* element, bool first);
+
+// Converts EUC-JP text to Shift_JIS piece by piece, each piece ending just
+// after a CR LF, appending to dest (which the caller zero-filled). Returns the
+// destination's length, or -1: with no converter (dest untouched), or when a
+// piece failed (dest then holds the unconverted source, cut to size - 1).
+int convert_lines(iconv_t converter, const char* source, char* dest, size_t dest_size);
 
 // Lowercase hexadecimal of length bytes into out (2 * length + 1 bytes).
 void to_hex(const unsigned char* src, size_t length, char* out);

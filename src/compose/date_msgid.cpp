@@ -2,6 +2,8 @@
 #include "compose/compose.h"
 
 #include "log/trace_record.h"
+#include "util/format.h"
+#include "util/unique_fd.h"
 #include "util/util.h"
 
 #include <cstdio>
@@ -37,11 +39,11 @@ constexpr size_t kResolverLineSize = 1024;
 // Appends ".domain" from the first "domain" line of the resolver file.
 void append_resolver_domain() {
     trace(g_trace, 2, "mkmsgid0010");
-    FILE* file = std::fopen(g_resolver_conf, "re");
-    if (file == nullptr) return;
+    const UniqueFile file(std::fopen(g_resolver_conf, "re"));
+    if (!file) return;
     trace(g_trace, 2, "mkmsgid0020");
     char line[kResolverLineSize];
-    while (std::fgets(line, sizeof line, file) != nullptr) {
+    while (std::fgets(line, sizeof line, file.get()) != nullptr) {
         if (std::strncmp(line, "domain", 6) != 0) continue;
         char first[kResolverWordSize] = {};
         char second[kResolverWordSize] = {};
@@ -49,13 +51,12 @@ void append_resolver_domain() {
         if (std::strcmp(first, "domain") != 0) continue;
         const size_t have = std::strlen(g_host_cache);
         if (have + 1 + std::strlen(second) < kHostCacheSize) {
-            format_line(g_host_cache + have, kHostCacheSize - have, ".%s", second);
+            format_into(g_host_cache + have, kHostCacheSize - have, Overflow::Cut, ".%s", second);
             trace_text(g_trace, 0, "mkmsgid0030", g_host_cache);
         }
         break;
     }
     trace(g_trace, 2, "mkmsgid0040");
-    std::fclose(file);
 }
 
 }  // namespace
@@ -72,7 +73,7 @@ using namespace kemail;
 
 extern "C" {
 
-KEMAIL_API int SMTP_makeDate(char* pszOut) {
+KEMAIL_API int SMTP_makeDate(char* pszOut) noexcept {
     if (pszOut == nullptr) return 0;
     const int zone_hours = SMTP_GetTimeDifference();
     const int zone_minutes = 0;  // Kept: a half-hour zone loses its minutes (test Date.HalfHourZoneLosesItsMinutes).
@@ -80,14 +81,14 @@ KEMAIL_API int SMTP_makeDate(char* pszOut) {
     struct tm local = {};
     localtime_r(&now, &local);
     // Kept: UTC is written with a minus sign, "-0000" (test Date.UtcEndsInMinusZero).
-    return static_cast<int>(format_line(
-        pszOut, KEMAIL_DATE_SIZE, "%s, %02d %s %04d %02d:%02d:%02d %s%02d%02d",
+    return static_cast<int>(format_into(
+        pszOut, KEMAIL_DATE_SIZE, Overflow::Cut, "%s, %02d %s %04d %02d:%02d:%02d %s%02d%02d",
         kDayNames[local.tm_wday % 7], local.tm_mday, kMonthNames[local.tm_mon % 12],
         local.tm_year + 1900, local.tm_hour, local.tm_min, local.tm_sec,
         zone_hours > 0 ? "+" : "-", std::abs(zone_hours), std::abs(zone_minutes)));
 }
 
-KEMAIL_API void SMTP_MakeMsgId(char* pszOut) {
+KEMAIL_API void SMTP_MakeMsgId(char* pszOut) noexcept {
     trace(g_trace, 1, "mkmsgid0000");
     if (g_host_cache[0] == '\0') {
         trace(g_trace, 2, "mkmsgid0005");
@@ -108,7 +109,7 @@ KEMAIL_API void SMTP_MakeMsgId(char* pszOut) {
     gettimeofday(&tv, nullptr);
 
     if (pszOut == nullptr) return;
-    format_line(pszOut, KEMAIL_MSGID_SIZE, "Message-Id: <%s.%x%x%x@%s>\r\n", stamp,
+    format_into(pszOut, KEMAIL_MSGID_SIZE, Overflow::Cut, "Message-Id: <%s.%x%x%x@%s>\r\n", stamp,
                 static_cast<unsigned>(tv.tv_sec), static_cast<unsigned>(tv.tv_usec), host_id,
                 g_host_cache);
     trace_text(g_trace, 1, "mkmsgidFFFF", pszOut);

@@ -66,7 +66,7 @@ size_t to_iso2022(const char* src, char* out, size_t size) {
 
 extern "C" {
 
-KEMAIL_API int SMTP_sjistojis(int lCode) {
+KEMAIL_API int SMTP_sjistojis(int lCode) noexcept {
     const int h = (lCode >> 8) & 0xFF;
     const int l = lCode & 0xFF;
     const int v = h * 512 + l;
@@ -86,7 +86,7 @@ KEMAIL_API int SMTP_sjistojis(int lCode) {
     return h | l;
 }
 
-KEMAIL_API void SMTP_toISO2022(const char* pszSrc, char* pszDst) {
+KEMAIL_API void SMTP_toISO2022(const char* pszSrc, char* pszDst) noexcept {
     if (pszDst == nullptr) return;
     // The caller's buffer has no stated size; its callers size it for the
     // worst case of their own input.

@@ -1,45 +1,14 @@
-// Mechanics shared by the composition functions: bounded line formatting,
-// whole writes to the message file, the recipient list walk and hex text.
+// Mechanics shared by the composition functions: traced whole writes to the
+// message file, the recipient list walk and hex text.
 #include "compose/compose.h"
 
 #include "log/trace_record.h"
+#include "util/format.h"
 #include "util/util.h"
 
-#include <cerrno>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
-#include <unistd.h>
 
 namespace kemail {
-
-size_t format_line(char* out, size_t size, const char* format, ...) {
-    if (size == 0) return 0;
-    va_list args;
-    va_start(args, format);
-    const int n = std::vsnprintf(out, size, format, args);
-    va_end(args);
-    if (n < 0) {
-        out[0] = '\0';
-        return 0;
-    }
-    return static_cast<size_t>(n) < size ? static_cast<size_t>(n) : size - 1;
-}
-
-bool write_all(int fd, const void* data, size_t length, unsigned int* pulErr) {
-    const char* p = static_cast<const char*>(data);
-    while (length > 0) {
-        errno = 0;
-        const ssize_t n = retry_on_eintr([&] { return ::write(fd, p, length); });
-        if (n <= 0) {
-            if (pulErr) *pulErr = static_cast<unsigned int>(errno);
-            return false;
-        }
-        p += n;
-        length -= static_cast<size_t>(n);
-    }
-    return true;
-}
 
 bool write_traced(int fd, const char* text, size_t length, const char* code, unsigned int* pulErr) {
     if (write_all(fd, text, length, pulErr)) return true;
@@ -65,8 +34,9 @@ bool RecipientCursor::next(char* out, size_t size) {
 }
 
 size_t format_recipient_line(char* out, size_t size, const char* element, bool first) {
-    return first ? format_line(out, size, "To: %s\r\n", element)
-                 : format_line(out, size, "    %s\r\n", element);
+    const int length = first ? format_into(out, size, Overflow::Cut, "To: %s\r\n", element)
+                             : format_into(out, size, Overflow::Cut, "    %s\r\n", element);
+    return static_cast<size_t>(length);
 }
 
 void to_hex(const unsigned char* src, size_t length, char* out) {

@@ -4,7 +4,9 @@
 
 #include "log/trace_record.h"
 #include "smtp/smtp.h"
+#include "util/util.h"
 #include "smtp/smtp_buffers.h"
+#include "util/format.h"
 
 #include <cerrno>
 #include <cstring>
@@ -18,18 +20,10 @@ namespace {
 // gethostname's name: 128 bytes and a NUL that is always there.
 constexpr size_t kHostNameSize = 129;
 
-// Sends the text of s_szSendBuf or another line; on failure traces the code
-// with the error word.
+// Sends a text; on failure traces the code with the error word.
 int send_text(int sock, const char* text, size_t length, const char* code, unsigned int* pulErr) {
     const int result = SMTP_send(sock, text, static_cast<int>(length), pulErr);
     if (result != 0) trace_word(g_trace, 0, code, *pulErr);
-    return result;
-}
-
-int send_line(int sock, size_t length, const char* code, const char* sent_code,
-              unsigned int* pulErr) {
-    const int result = send_text(sock, s_szSendBuf, length, code, pulErr);
-    if (result == 0 && sent_code != nullptr) trace_text(g_trace, 2, sent_code, s_szSendBuf);
     return result;
 }
 
@@ -39,22 +33,15 @@ int send_outer_header(int sock, const char* from, const char* to, const char* su
     SMTP_makeDate(date);
     SMTP_SetStartTime();
 
-    size_t n = format_line(s_szSendBuf, sizeof s_szSendBuf, "Date: %s\r\n", date);
-    int result = send_line(sock, n, "smtp1410", "smtp1415", pulErr);
-    if (result != 0) return result;
-    n = format_line(s_szSendBuf, sizeof s_szSendBuf, "From: %s\r\n", from);
-    if ((result = send_line(sock, n, "smtp1420", "smtp1425", pulErr)) != 0) return result;
-
+    HeaderSink sink(HeaderSink::Kind::Socket, sock, pulErr);
+    static constexpr AddressCodes kAddressCodes{.date = {nullptr, "smtp1410", "smtp1415"},
+                                                .from = {nullptr, "smtp1420", "smtp1425"},
+                                                .to = {nullptr, "smtp1430", "smtp1430-1"},
+                                                .to_stopped = "smtp1432",
+                                                .to_done = "smtp1431"};
     char element[kElementBufferSize];
-    RecipientCursor recipients(to);
-    for (bool first = true; recipients.next(element, sizeof element); first = false) {
-        n = format_recipient_line(s_szSendBuf, sizeof s_szSendBuf, element, first);
-        if ((result = send_line(sock, n, "smtp1430", "smtp1430-1", pulErr)) != 0) {
-            trace(g_trace, 2, "smtp1432");
-            return result;
-        }
-    }
-    trace(g_trace, 2, "smtp1431");
+    int result = put_address_lines(sink, date, from, to, element, kAddressCodes);
+    if (result != 0) return result;
 
     if (subject != nullptr) {
         make_subject(subject, element, sizeof element);
@@ -62,26 +49,19 @@ int send_outer_header(int sock, const char* from, const char* to, const char* su
     } else {
         element[0] = '\0';
     }
-    // The piece marker follows the last encoded-word.
-    n = format_line(s_szSendBuf, sizeof s_szSendBuf, "Subject: %s [%d/%d]\r\n", element, number, total);
-    if ((result = send_line(sock, n, "smtp1440", "smtp1445", pulErr)) != 0) return result;
-
-    char message_id[KEMAIL_MSGID_SIZE];
-    SMTP_MakeMsgId(message_id);
-    if ((result = send_text(sock, message_id, std::strlen(message_id), "smtp1447", pulErr)) != 0) {
+    const PieceMark piece{number, total};
+    if ((result = put_subject_line(sink, element, &piece, {nullptr, "smtp1440", "smtp1445"})) != 0)
         return result;
-    }
-    static const char kMimeVersion[] = "MIME-Version: 1.0\r\n";
-    if ((result = send_text(sock, kMimeVersion, sizeof kMimeVersion - 1, "smtp1450", pulErr)) != 0) {
-        return result;
-    }
+    result = put_identity_lines(sink, {nullptr, "smtp1447", nullptr}, {nullptr, "smtp1450", nullptr});
+    if (result != 0) return result;
     // Kept: the trace shows the line formatted last, the Subject line
     // (test Partial.MimeVersionTraceShowsTheSubjectLine).
     trace_text(g_trace, 2, "smtp1452", s_szSendBuf);
-    n = format_line(s_szSendBuf, sizeof s_szSendBuf,
-                    "Content-Type: message/partial; number=%d; total=%d;\r\n\tid=\"%s\"\r\n", number,
-                    total, id);
-    if ((result = send_line(sock, n, "smtp1455", "smtp1458", pulErr)) != 0) return result;
+    const int n = format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut,
+                              "Content-Type: message/partial; number=%d; total=%d;\r\n\tid=\"%s\"\r\n",
+                              number, total, id);
+    if ((result = sink.put(s_szSendBuf, static_cast<size_t>(n), {nullptr, "smtp1455", "smtp1458"})) != 0)
+        return result;
     if ((result = send_text(sock, "\r\n", 2, "smtp1460", pulErr)) != 0) return result;
     trace_text(g_trace, 2, "smtp1465", s_szSendBuf);
     return 0;
@@ -94,12 +74,12 @@ using namespace kemail;
 
 extern "C" {
 
-KEMAIL_API int SMTP_makeid(char* pszId, const char* pszFrom) {
+KEMAIL_API int SMTP_makeid(char* pszId, const char* pszFrom) noexcept {
     if (pszId == nullptr) return 0;
     // The caller's buffer is zeroed by contract; read no further than its size.
     trace_data(g_trace, 1, "smtp1500", pszId, strnlen(pszId, KEMAIL_PARTIAL_ID_SIZE));
     char sender[kElementBufferSize];
-    format_line(sender, sizeof sender, "%s", pszFrom ? pszFrom : "");
+    copy_cut(sender, sizeof sender, pszFrom ? pszFrom : "");
     for (char* at = std::strchr(sender, '@'); at != nullptr; at = std::strchr(at + 1, '@')) *at = '.';
 
     char host[kHostNameSize] = {};
@@ -125,15 +105,15 @@ KEMAIL_API int SMTP_makeid(char* pszId, const char* pszFrom) {
     trace_word(g_trace, 2, "smtp1540", seconds);
     trace_word(g_trace, 2, "smtp1550", microseconds);
 
-    const size_t length = format_line(pszId, KEMAIL_PARTIAL_ID_SIZE, "luntb%x%x%s%x@%s", seconds,
-                                      microseconds, host, host_id, sender);
+    const int length = format_into(pszId, KEMAIL_PARTIAL_ID_SIZE, Overflow::Cut,
+                                   "luntb%x%x%s%x@%s", seconds, microseconds, host, host_id, sender);
     trace_text(g_trace, 1, "smtp15FF", pszId);
     return static_cast<int>(length);
 }
 
 KEMAIL_API int SMTP_sendData_Partial(int lSock, char* pPiece, int lLength, const char* pszFrom,
                                      const char* pszTo, const char* pszSubject, int lNumber,
-                                     int lTotal, const char* pszId, unsigned int* pulErr) {
+                                     int lTotal, const char* pszId, unsigned int* pulErr) noexcept {
     unsigned int local_err = 0;
     if (pulErr == nullptr) pulErr = &local_err;
     trace(g_trace, 1, "smtp1400");

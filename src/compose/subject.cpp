@@ -164,7 +164,7 @@ void make_subject(const char* subject, char* out, size_t size) {
 
 }  // namespace kemail
 
-extern "C" KEMAIL_API void SMTP_makeSubject(const char* pszSubject, char* pszOut) {
+extern "C" KEMAIL_API void SMTP_makeSubject(const char* pszSubject, char* pszOut) noexcept {
     if (pszOut == nullptr) return;
     const char* subject = pszSubject ? pszSubject : "";
     // An ASCII subject is copied whole, however long: the caller sized the

@@ -3,6 +3,8 @@
 
 #include "log/trace_record.h"
 #include "smtp/smtp_buffers.h"
+#include "util/byte_reader.h"
+#include "util/format.h"
 #include "util/unique_fd.h"
 #include "util/util.h"
 
@@ -23,29 +25,9 @@ constexpr size_t kScanBlockSize = 1028;
 // fills the 1028-byte read buffer exactly.
 constexpr size_t kLineCut = 1024;
 
-// Reads the body file byte by byte, as the line rules need, from a block
-// buffer (the file is private to the call, so reading ahead is invisible).
-class ByteReader {
-public:
-    explicit ByteReader(int fd) : fd_(fd) {}
-    // 1: a byte; 0: end of file; -1: read error (errno set).
-    int next(char* byte) {
-        if (pos_ == len_) {
-            const ssize_t n = retry_on_eintr([&] { return ::read(fd_, buf_, sizeof buf_); });
-            if (n <= 0) return n == 0 ? 0 : -1;
-            len_ = static_cast<size_t>(n);
-            pos_ = 0;
-        }
-        *byte = buf_[pos_++];
-        return 1;
-    }
-
-private:
-    int fd_;
-    char buf_[4096];
-    size_t pos_ = 0;
-    size_t len_ = 0;
-};
+// The body file is read byte by byte, as the line rules need, from blocks
+// of 4096 bytes.
+using ByteReader = kemail::ByteReader<4096>;
 
 // Looks for a Shift_JIS lead byte. 1: found; 0: none; -1: read error.
 int scan_for_lead_byte(int body, unsigned int* pulErr) {
@@ -82,8 +64,8 @@ long read_body_line(ByteReader& reader) {
     size_t n = 0;
     Pair state = Pair::Plain;
     for (;;) {
-        char byte;
-        int got = reader.next(&byte);
+        char byte = 0;
+        ssize_t got = reader.next(&byte);
         if (got < 0) return -1;
         if (got == 0) break;
         s_szRecvBuf[n++] = byte;
@@ -120,8 +102,8 @@ size_t convert_body_line(bool japanese) {
         to_iso2022(s_szRecvBuf, s_szSendBuf, sizeof s_szSendBuf);
         return std::strlen(s_szSendBuf);
     }
-    return format_line(s_szSendBuf, sizeof s_szSendBuf, "%s%s", s_szRecvBuf[0] == '.' ? "." : "",
-                       s_szRecvBuf);
+    return static_cast<size_t>(format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut, "%s%s",
+                                           s_szRecvBuf[0] == '.' ? "." : "", s_szRecvBuf));
 }
 
 int write_text_part(int fd, const char* body_path, unsigned int* pulErr) {
@@ -134,27 +116,33 @@ int write_text_part(int fd, const char* body_path, unsigned int* pulErr) {
     const int japanese = scan_for_lead_byte(body.get(), pulErr);
     if (japanese < 0) return -32;
 
-    size_t n = format_line(s_szSendBuf, sizeof s_szSendBuf, "Content-Type: text/plain; charset=\"%s\"\r\n",
-                           japanese ? "ISO-2022-JP" : "us-ascii");
+    size_t n = static_cast<size_t>(format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut,
+                                               "Content-Type: text/plain; charset=\"%s\"\r\n",
+                                               japanese ? "ISO-2022-JP" : "us-ascii"));
     trace_text(g_trace, 2, japanese ? "smtp0653" : "smtp0654", s_szSendBuf);
     if (!write_traced(fd, s_szSendBuf, n, "smtp0655", pulErr)) return -33;
     if (!write_traced(fd, "\r\n", 2, "smtp0660", pulErr)) return -33;
 
     lseek(body.get(), 0, SEEK_SET);
-    ByteReader reader(body.get());
-    for (;;) {
-        const long length = read_body_line(reader);
-        if (length < 0) {
-            *pulErr = static_cast<unsigned int>(errno);
-            trace_word(g_trace, 0, "smtp0660", *pulErr);
-            return -32;
+    {
+        // Scoped: the reader is done before the body file is closed.
+        ByteReader reader(body.get());
+        for (;;) {
+            const long length = read_body_line(reader);
+            if (length < 0) {
+                *pulErr = static_cast<unsigned int>(errno);
+                trace_word(g_trace, 0, "smtp0660", *pulErr);
+                return -32;
+            }
+            if (length == 0) break;
+            n = convert_body_line(japanese != 0);
+            if (!write_traced(fd, s_szSendBuf, n, "smtp0665", pulErr)) return -33;
         }
-        if (length == 0) break;
-        n = convert_body_line(japanese != 0);
-        if (!write_traced(fd, s_szSendBuf, n, "smtp0665", pulErr)) return -33;
     }
     body.reset();
-    // Ends a last line that had no CR LF; after one that had, an empty line.
+    // Ends a last line that had no CR LF. Kept: after one that had, this is
+    // an extra empty line before whatever follows the text
+    // (test TopData.AsciiBodyIsUsAsciiAndEndsWithAnEmptyLine).
     if (!write_traced(fd, "\r\n", 2, "smtp0670", pulErr)) return -33;
     trace(g_trace, 1, "smtp06FF");
     return 0;
@@ -168,35 +156,34 @@ using namespace kemail;
 extern "C" KEMAIL_API int SMTP_makeTopData(int lFile, const char* pszBodyPath, const char* pszFrom,
                                            const char* pszTo, const char* pszSubject,
                                            char* pszBoundary, int lMultipart, int lPartial,
-                                           unsigned int* pulErr) {
+                                           unsigned int* pulErr) noexcept {
     unsigned int local_err = 0;
     if (pulErr == nullptr) pulErr = &local_err;
     *pulErr = 0;
     trace(g_trace, 1, "smtp0600");
     lseek(lFile, 0, SEEK_SET);
 
+    HeaderSink sink(HeaderSink::Kind::File, lFile, pulErr);
     // Holds each recipient element, then the encoded subject.
     char element[kElementBufferSize] = {};
-    size_t n;
     if (lPartial == 0) {
         trace(g_trace, 2, "smtp0601");
         char date[KEMAIL_DATE_SIZE];
         SMTP_makeDate(date);
-        n = format_line(s_szSendBuf, sizeof s_szSendBuf, "Date: %s\r\n", date);
-        if (!write_traced(lFile, s_szSendBuf, n, "smtp0605", pulErr)) return -33;
-        n = format_line(s_szSendBuf, sizeof s_szSendBuf, "From: %s\r\n", pszFrom ? pszFrom : "");
-        if (!write_traced(lFile, s_szSendBuf, n, "smtp0610", pulErr)) return -33;
-        RecipientCursor recipients(pszTo);
-        for (bool first = true; recipients.next(element, sizeof element); first = false) {
-            n = format_recipient_line(s_szSendBuf, sizeof s_szSendBuf, element, first);
-            if (!write_traced(lFile, s_szSendBuf, n, "smtp0615", pulErr)) return -33;
-        }
-        trace(g_trace, 2, "smtp0616");
+        static constexpr AddressCodes kAddressCodes{.date = {nullptr, "smtp0605", nullptr},
+                                                    .from = {nullptr, "smtp0610", nullptr},
+                                                    .to = {nullptr, "smtp0615", nullptr},
+                                                    .to_stopped = nullptr,
+                                                    .to_done = "smtp0616"};
+        if (put_address_lines(sink, date, pszFrom ? pszFrom : "", pszTo, element, kAddressCodes) != 0)
+            return -33;
     }
 
     if (pszSubject != nullptr) {
         trace(g_trace, 2, "smtp0617");
         trace_text(g_trace, 2, "smtp0617-1", pszSubject);
+        // Kept: the buffer is shown before encoding, still holding the last
+        // recipient element (test TopData.HeaderOnlyMessage).
         trace_text(g_trace, 2, "smtp0617-2", element);
         make_subject(pszSubject, element, sizeof element);
         trace_text(g_trace, 2, "smtp0617-3", pszSubject);
@@ -205,28 +192,23 @@ extern "C" KEMAIL_API int SMTP_makeTopData(int lFile, const char* pszBodyPath, c
         trace(g_trace, 2, "smtp0618");
         element[0] = '\0';
     }
-    n = format_line(s_szSendBuf, sizeof s_szSendBuf, "Subject: %s\r\n", element);
-    trace_text(g_trace, 2, "smtp0619", s_szSendBuf);
-    if (!write_traced(lFile, s_szSendBuf, n, "smtp0620", pulErr)) return -33;
+    if (put_subject_line(sink, element, nullptr, {"smtp0619", "smtp0620", nullptr}) != 0) return -33;
 
     trace(g_trace, 2, "smtp0621");
-    char message_id[KEMAIL_MSGID_SIZE];
-    SMTP_MakeMsgId(message_id);
-    if (!write_traced(lFile, message_id, std::strlen(message_id), "smtp0623", pulErr)) return -33;
-    static const char kMimeVersion[] = "MIME-Version: 1.0\r\n";
-    if (!write_traced(lFile, kMimeVersion, sizeof kMimeVersion - 1, "smtp0625", pulErr)) return -33;
+    if (put_identity_lines(sink, {nullptr, "smtp0623", nullptr}, {nullptr, "smtp0625", nullptr}) != 0)
+        return -33;
 
     if (lMultipart == 1) {
         trace(g_trace, 2, "smtp0626");
         char own_boundary[KEMAIL_BOUNDARY_SIZE];
         char* boundary = pszBoundary ? pszBoundary : own_boundary;
         SMTP_makeBoundary(boundary);
-        n = format_line(s_szSendBuf, sizeof s_szSendBuf,
-                        "Content-Type: multipart/mixed; boundary=\"%s\"\r\n", boundary);
-        if (!write_traced(lFile, s_szSendBuf, n, "smtp0630", pulErr)) return -33;
+        int n = format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut,
+                            "Content-Type: multipart/mixed; boundary=\"%s\"\r\n", boundary);
+        if (!write_traced(lFile, s_szSendBuf, static_cast<size_t>(n), "smtp0630", pulErr)) return -33;
         // The leading CR LF is the empty line that ends the message header.
-        n = format_line(s_szSendBuf, sizeof s_szSendBuf, "\r\n--%s\r\n", boundary);
-        if (!write_traced(lFile, s_szSendBuf, n, "smtp0635", pulErr)) return -33;
+        n = format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut, "\r\n--%s\r\n", boundary);
+        if (!write_traced(lFile, s_szSendBuf, static_cast<size_t>(n), "smtp0635", pulErr)) return -33;
     }
 
     if (pszBodyPath == nullptr) {

@@ -60,4 +60,13 @@ int DeleteOldFiles_AddList(OldFile** head, const char* path, time_t mtime);
 void DeleteOldFiles_DeleteList(const OldFile* head, uint32_t keep);
 void DeleteOldFiles_FreeList(OldFile* head);
 
+// Owns a list built with DeleteOldFiles_AddList and frees it on every exit.
+struct OldFileList {
+    OldFile* head = nullptr;
+    OldFileList() = default;
+    ~OldFileList() { DeleteOldFiles_FreeList(head); }
+    OldFileList(const OldFileList&) = delete;
+    OldFileList& operator=(const OldFileList&) = delete;
+};
+
 }  // namespace kemail

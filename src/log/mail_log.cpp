@@ -2,6 +2,7 @@
 // session by a banner and an END line, rotated by size into numbered
 // generations when it is opened, never during a session.
 #include "log/log.h"
+#include "util/format.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -45,12 +46,13 @@ void rotate_generations(const char* path, uint32_t count) {
     char older[KEMAIL_PATH_MAX + 16];
     char newer[KEMAIL_PATH_MAX + 16];
     for (long n = static_cast<long>(count) - 2; n >= 1; --n) {
-        std::snprintf(older, sizeof older, "%s%ld", path, n);
+        // The path is short enough for every generation's name (checked above).
+        if (format_into(older, sizeof older, Overflow::Refuse, "%s%ld", path, n) < 0) continue;
         if (FileSize_Name(older) < 0) continue;
-        std::snprintf(newer, sizeof newer, "%s%ld", path, n + 1);
+        if (format_into(newer, sizeof newer, Overflow::Refuse, "%s%ld", path, n + 1) < 0) continue;
         RenameFile(older, newer);
     }
-    std::snprintf(newer, sizeof newer, "%s1", path);
+    if (format_into(newer, sizeof newer, Overflow::Refuse, "%s1", path) < 0) return;
     RenameFile(path, newer);
 }
 
@@ -59,8 +61,8 @@ void format_date_time(char* out, size_t size) {
     const time_t now = time(nullptr);
     struct tm local = {};
     localtime_r(&now, &local);
-    std::snprintf(out, size, "%04d/%02d/%02d %02d:%02d:%02d", local.tm_year + 1900,
-                  local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+    format_into(out, size, Overflow::Cut, "%04d/%02d/%02d %02d:%02d:%02d", local.tm_year + 1900,
+                local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
 }
 
 void write_text(int fd, const char* text) { FileWrite(fd, text, std::strlen(text)); }
@@ -73,7 +75,7 @@ using namespace kemail;
 
 extern "C" {
 
-KEMAIL_API MailLogHandle* MailLogOpen(unsigned int /*ulUnused*/) {
+KEMAIL_API MailLogHandle* MailLogOpen(unsigned int /*ulUnused*/) noexcept {
     MailLogHandle* handle = static_cast<MailLogHandle*>(std::calloc(1, sizeof(MailLogHandle)));
     if (!handle) return nullptr;
     read_log_config(handle);
@@ -81,8 +83,9 @@ KEMAIL_API MailLogHandle* MailLogOpen(unsigned int /*ulUnused*/) {
         std::free(handle);
         return nullptr;
     }
-    std::snprintf(handle->path, sizeof handle->path, "%s/kesmtp%d.log", KEMAIL_LOG_DIR,
-                  static_cast<int>(getpid()));
+    // Always fits: the directory is fixed and a pid has at most 10 digits.
+    kemail::format_into(handle->path, sizeof handle->path, kemail::Overflow::Cut,
+                        "%s/kesmtp%d.log", KEMAIL_LOG_DIR, static_cast<int>(getpid()));
 
     uint32_t keep = handle->log_num;
     int truncate = 1;
@@ -106,18 +109,18 @@ KEMAIL_API MailLogHandle* MailLogOpen(unsigned int /*ulUnused*/) {
     char stamp[80];
     format_date_time(stamp, sizeof stamp);
     char banner[128];
-    std::snprintf(banner, sizeof banner, "%s [%d] NQ-Agent E-Mail\r\n", stamp,
-                  static_cast<int>(getpid()));
+    kemail::format_into(banner, sizeof banner, kemail::Overflow::Cut,
+                        "%s [%d] NQ-Agent E-Mail\r\n", stamp, static_cast<int>(getpid()));
     write_text(handle->fd, banner);
     return handle;
 }
 
-KEMAIL_API int MailLogClose(MailLogHandle* pHandle) {
+KEMAIL_API int MailLogClose(MailLogHandle* pHandle) noexcept {
     if (!pHandle) return 0;
     char stamp[80];
     format_date_time(stamp, sizeof stamp);
     char end_line[96];
-    std::snprintf(end_line, sizeof end_line, "%s END\r\n\r\n", stamp);
+    kemail::format_into(end_line, sizeof end_line, kemail::Overflow::Cut, "%s END\r\n\r\n", stamp);
     write_text(pHandle->fd, end_line);
     FileClose(pHandle->fd);
     std::free(pHandle);

@@ -3,6 +3,7 @@
 // straight to the file, unbuffered; its result is ignored, since the log
 // never stops a send.
 #include "log/log.h"
+#include "util/format.h"
 
 #include <cstdio>
 #include <cstring>
@@ -28,7 +29,8 @@ constexpr size_t kExtraMax = 1024;
 void finish_note(char* note, const char* extra) {
     const size_t length = std::strlen(note);
     if (extra) {
-        std::snprintf(note + length, kNoteSize - length, "%.*s", static_cast<int>(kExtraMax), extra);
+        format_into(note + length, kNoteSize - length, Overflow::Cut, "%.*s",
+                    static_cast<int>(kExtraMax), extra);
     } else if (length > 0 && note[length - 1] == ' ') {
         note[length - 1] = '\0';
     }
@@ -41,9 +43,8 @@ void write_line(MailLogHandle* handle, int kind, const char* text) {
     struct tm local = {};
     localtime_r(&now, &local);
     char prefix[64];
-    const int prefix_length = std::snprintf(prefix, sizeof prefix, "%02d:%02d:%02d %s ",
-                                            local.tm_hour, local.tm_min, local.tm_sec,
-                                            kind_tag(kind));
+    const int prefix_length = format_into(prefix, sizeof prefix, Overflow::Cut, "%02d:%02d:%02d %s ",
+                                          local.tm_hour, local.tm_min, local.tm_sec, kind_tag(kind));
     if (prefix_length > 0) FileWrite(handle->fd, prefix, static_cast<size_t>(prefix_length));
     const size_t length = std::strlen(text);
     FileWrite(handle->fd, text, length);
@@ -57,7 +58,7 @@ void write_line(MailLogHandle* handle, int kind, const char* text) {
 
 extern "C" {
 
-KEMAIL_API int MailLogWrite(MailLogHandle* pHandle, int lKind, const char* pszText) {
+KEMAIL_API int MailLogWrite(MailLogHandle* pHandle, int lKind, const char* pszText) noexcept {
     if (lKind < KEMAIL_LOG_SENT || lKind > KEMAIL_LOG_NOTE) return -1;
     if (!pHandle || !pszText) return -1;
     kemail::write_line(pHandle, lKind, pszText);
@@ -65,18 +66,18 @@ KEMAIL_API int MailLogWrite(MailLogHandle* pHandle, int lKind, const char* pszTe
 }
 
 KEMAIL_API int MailLogSysErrWrite(MailLogHandle* pHandle, const char* pszFunc, int lResult,
-                                  long lErrno, const char* pszExtra) {
+                                  long lErrno, const char* pszExtra) noexcept {
     if (!pHandle || !pszFunc) return -1;
     char note[kemail::kNoteSize];
-    std::snprintf(note, sizeof note, "ERROR: func=%.1024s code=%d detail=%ld ", pszFunc, lResult,
-                  lErrno);
+    kemail::format_into(note, sizeof note, kemail::Overflow::Cut,
+                        "ERROR: func=%.1024s code=%d detail=%ld ", pszFunc, lResult, lErrno);
     kemail::finish_note(note, pszExtra);
     kemail::write_line(pHandle, KEMAIL_LOG_NOTE, note);
     return 0;
 }
 
 KEMAIL_API int MailLogTimeOutWrite(MailLogHandle* pHandle, int lSeconds, int lKind,
-                                   const char* pszExtra) {
+                                   const char* pszExtra) noexcept {
     if (!pHandle) return -1;
     const char* protocol;
     if (lKind == 1) {
@@ -87,7 +88,8 @@ KEMAIL_API int MailLogTimeOutWrite(MailLogHandle* pHandle, int lSeconds, int lKi
         return -1;
     }
     char note[kemail::kNoteSize];
-    std::snprintf(note, sizeof note, "ERROR: %s TIMEOUT (timer=%d) ", protocol, lSeconds);
+    kemail::format_into(note, sizeof note, kemail::Overflow::Cut, "ERROR: %s TIMEOUT (timer=%d) ",
+                        protocol, lSeconds);
     kemail::finish_note(note, pszExtra);
     kemail::write_line(pHandle, KEMAIL_LOG_NOTE, note);
     return 0;

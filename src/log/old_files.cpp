@@ -3,7 +3,10 @@
 // the file about to be written keep files remain.
 #include "log/log.h"
 
-#include <cstdio>
+#include "util/format.h"
+#include "util/unique_fd.h"
+#include "util/util.h"
+
 #include <cstdlib>
 #include <cstring>
 
@@ -15,7 +18,7 @@ int DeleteOldFiles_AddList(OldFile** head, const char* path, time_t mtime) {
     OldFile* node = static_cast<OldFile*>(std::malloc(sizeof(OldFile)));
     if (!node) return -1;
     node->mtime = mtime;
-    std::snprintf(node->path, sizeof node->path, "%s", path);
+    copy_cut(node->path, sizeof node->path, path);
     // Before the first strictly older node: files of equal age keep the
     // order in which the directory listed them.
     OldFile** link = head;
@@ -47,41 +50,35 @@ using namespace kemail;
 extern "C" {
 
 KEMAIL_API int DeleteOldFiles(unsigned int /*ulUnused*/, const char* pszPrefix,
-                              unsigned int ulKeep, unsigned int ulLevel) {
+                              unsigned int ulKeep, unsigned int ulLevel) noexcept {
     return DeleteOldFiles_DIR(KEMAIL_TRACE_DIR, pszPrefix, "trc", ulKeep, ulLevel);
 }
 
 KEMAIL_API int DeleteOldFiles_DIR(const char* pszDir, const char* pszPrefix,
                                   const char* /*pszExt*/, unsigned int ulKeep,
-                                  unsigned int ulLevel) {
+                                  unsigned int ulLevel) noexcept {
     if (ulLevel == 0) return 0;
     if (!pszDir || !pszPrefix) return -1;
     struct stat status;
     if (FileStat(pszDir, &status) != 0 || !S_ISDIR(status.st_mode)) return -1;
-    DIR* dir = DirectryOpen(pszDir);
+    const UniqueDir dir(DirectryOpen(pszDir));
     if (!dir) return -2;
 
     const size_t prefix_length = std::strlen(pszPrefix);
-    OldFile* list = nullptr;
+    OldFileList list;
     struct dirent entry_buffer;
-    while (struct dirent* entry = DirectryRead(dir, &entry_buffer)) {
+    while (struct dirent* entry = DirectryRead(dir.get(), &entry_buffer)) {
         if (entry->d_ino == 0) continue;
         if (std::strlen(entry->d_name) < prefix_length) continue;
         if (std::strncmp(entry->d_name, pszPrefix, prefix_length) != 0) continue;
         char path[kOldFilePathSize];
-        const int written = std::snprintf(path, sizeof path, "%s/%s", pszDir, entry->d_name);
-        if (written < 0 || static_cast<size_t>(written) >= sizeof path) continue;
+        if (format_into(path, sizeof path, Overflow::Refuse, "%s/%s", pszDir, entry->d_name) < 0)
+            continue;
         struct stat file_status;
         if (FileStat(path, &file_status) != 0 || !S_ISREG(file_status.st_mode)) continue;
-        if (DeleteOldFiles_AddList(&list, path, file_status.st_mtime) != 0) {
-            DeleteOldFiles_FreeList(list);
-            DirectryClose(dir);
-            return -3;
-        }
+        if (DeleteOldFiles_AddList(&list.head, path, file_status.st_mtime) != 0) return -3;
     }
-    DeleteOldFiles_DeleteList(list, ulKeep);
-    DeleteOldFiles_FreeList(list);
-    DirectryClose(dir);
+    DeleteOldFiles_DeleteList(list.head, ulKeep);
     return 0;
 }
 

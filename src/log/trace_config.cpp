@@ -1,6 +1,7 @@
 // Trace configuration from "trc_conf" and the per-process, per-thread trace
 // file name.
 #include "log/log.h"
+#include "util/format.h"
 
 #include <cstdio>
 
@@ -11,7 +12,7 @@ extern "C" {
 
 KEMAIL_API int GetTraceInfo(const char* pszSection, unsigned int /*ulUnused*/,
                             unsigned int* pulSize, unsigned int* pulLevel,
-                            unsigned int* pulCount) {
+                            unsigned int* pulCount) noexcept {
     if (!pszSection || !pulSize || !pulLevel || !pulCount) return -1;
     ProfileHandle* profile = Com_OpenPrivateProfile(KEMAIL_TRACE_CONF, 0);
     if (!profile) return -1;
@@ -31,7 +32,7 @@ KEMAIL_API int GetTraceInfo(const char* pszSection, unsigned int /*ulUnused*/,
 }
 
 KEMAIL_API int Trc_GetSizeLevel(const char* pszSection, unsigned int* pulSize,
-                                unsigned int* pulLevel) {
+                                unsigned int* pulLevel) noexcept {
     constexpr int kDefaultSize = 100;
     constexpr int kDefaultLevel = 0;
     unsigned int size = kDefaultSize;
@@ -51,17 +52,16 @@ KEMAIL_API int Trc_GetSizeLevel(const char* pszSection, unsigned int* pulSize,
 }
 
 KEMAIL_API void MakeTraceFileName(char* pszOut, unsigned int /*ulUnused*/, const char* pszPrefix,
-                                  unsigned int ulLevel) {
+                                  unsigned int ulLevel) noexcept {
     if (ulLevel == 0 || !pszOut) return;
     // The thread id is printed as the signed 32-bit number it has always
     // been in these names.
     const int thread_id = static_cast<int>(static_cast<unsigned long>(pthread_self()));
-    const int written = std::snprintf(pszOut, KEMAIL_TRACE_NAME_SIZE, "%s/%s%d-%d.trc",
-                                      KEMAIL_TRACE_DIR, pszPrefix ? pszPrefix : "",
-                                      static_cast<int>(getpid()), thread_id);
     // A name cut to the buffer would name some other file: leave none, so
     // that Topen fails and the send runs without a trace.
-    if (written < 0 || written >= KEMAIL_TRACE_NAME_SIZE) pszOut[0] = '\0';
+    kemail::format_into(pszOut, KEMAIL_TRACE_NAME_SIZE, kemail::Overflow::Refuse, "%s/%s%d-%d.trc",
+                        KEMAIL_TRACE_DIR, pszPrefix ? pszPrefix : "", static_cast<int>(getpid()),
+                        thread_id);
 }
 
 }  // extern "C"

@@ -3,6 +3,7 @@
 // later are plain memory copies; the ring survives a restart under the same
 // name and writing continues where it stopped.
 #include "log/log.h"
+#include "util/format.h"
 #include "util/unique_fd.h"
 #include "util/util.h"
 
@@ -37,9 +38,10 @@ int open_trace_file(const char* path, int flags, mode_t mode = 0) {
 int make_temp_beside(const char* path, char* name, size_t name_size) {
     const char* slash = std::strrchr(path, '/');
     const int dir_length = slash ? static_cast<int>(slash - path + 1) : 0;
-    const int written = slash ? std::snprintf(name, name_size, "%.*strcXXXXXX", dir_length, path)
-                              : std::snprintf(name, name_size, "./trcXXXXXX");
-    if (written < 0 || static_cast<size_t>(written) >= name_size) {
+    const int written =
+        slash ? format_into(name, name_size, Overflow::Refuse, "%.*strcXXXXXX", dir_length, path)
+              : format_into(name, name_size, Overflow::Refuse, "./trcXXXXXX");
+    if (written < 0) {
         errno = ENAMETOOLONG;
         return -1;
     }
@@ -144,7 +146,7 @@ int open_ring(TraceHandle* handle, const char* path, uint32_t requested_kb, uint
 
 extern "C" {
 
-KEMAIL_API TraceHandle* Topen(const char* pszPath, unsigned int ulSizeKb, unsigned int ulLevel) {
+KEMAIL_API TraceHandle* Topen(const char* pszPath, unsigned int ulSizeKb, unsigned int ulLevel) noexcept {
     TraceHandle* handle = static_cast<TraceHandle*>(std::calloc(1, sizeof(TraceHandle)));
     if (!handle) return nullptr;
     if (Trc_InitLock() != 0) {
@@ -161,7 +163,7 @@ KEMAIL_API TraceHandle* Topen(const char* pszPath, unsigned int ulSizeKb, unsign
     return handle;
 }
 
-KEMAIL_API int Tclose(TraceHandle* pHandle) {
+KEMAIL_API int Tclose(TraceHandle* pHandle) noexcept {
     if (!pHandle) return -1;
     int result = 0;
     if (pHandle->map &&

@@ -54,7 +54,7 @@ using namespace kemail;
 extern "C" {
 
 KEMAIL_API int Twrite(TraceHandle* pHandle, unsigned int ulLevel, const char* pszCode,
-                      const void* pData, unsigned int ulLength) {
+                      const void* pData, unsigned int ulLength) noexcept {
     const int saved_errno = errno;
     if (!pHandle || ulLevel > 2) return -1;
     if (pHandle->level == 0 || pHandle->level < ulLevel || !pHandle->map) {

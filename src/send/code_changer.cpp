@@ -3,11 +3,13 @@
 #include "send/send_internal.h"
 
 #include "log/trace_record.h"
+#include "util/format.h"
 
-#include <cstdio>
 
 namespace kemail {
 
+// Kept: CHANGE0010 and CHANGE0020 are also records of the line converter,
+// with other meanings (test SendTrace.CodeChangerAndLineConverterShareChange0010And0020).
 int change_code(int internal) {
     trace_word(g_trace, 1, "CHANGE0000", static_cast<uint32_t>(internal));
     int result;
@@ -34,7 +36,7 @@ int change_code(int internal) {
 }
 
 void put_number(char* message, unsigned value) {
-    std::snprintf(message, KEMAIL_MESSAGE_SIZE, "%d", static_cast<int>(value));
+    format_into(message, KEMAIL_MESSAGE_SIZE, Overflow::Cut, "%d", static_cast<int>(value));
 }
 
 }  // namespace kemail

@@ -152,6 +152,8 @@ int check_request(const Arguments& a, int* part_size_kb, unsigned* port) {
 int check_authentication(MailAuthInfo* auth, char* message) {
     if (auth == nullptr) return 0;
     // The record as the caller laid it out (mode, reserved word, pointer).
+    // Kept: EMAILAPI1110 and EMAILAPI1120 also mark the text buffer below
+    // (test SendTrace.Emailapi1110And1120MarkBothTheAuthRecordAndTheTextBuffer).
     trace_data(g_trace, 0, "EMAILAPI1110", auth, sizeof *auth);
     if (check_mail_auth(*auth) != 0) {
         trace(g_trace, 0, "EMAILAPI1120");
@@ -190,6 +192,9 @@ int prepare_texts(const char* subject, const char* text, char (&subject_out)[kSu
     int warning = 0;
     const iconv_t converter = Cnv_open("eucJP", "SJIS");
     if (converter == reinterpret_cast<iconv_t>(-1)) {
+        // Kept: the line converter then leaves subject and text empty, so
+        // both go out empty and the call answers 1
+        // (test LineConverter.NoConverterLeavesDestinationEmpty).
         trace(g_trace, 0, "EMAILAPI0061");
         warning = 1;
     }
@@ -227,6 +232,8 @@ int send_mail(const Arguments& a) {
     size_t text_size = 0;
     if (text != nullptr) {
         text_size = std::strlen(text) + 1;
+        // Kept: the codes of the authentication check, with another meaning
+        // (test SendTrace.Emailapi1110And1120MarkBothTheAuthRecordAndTheTextBuffer).
         trace_word(g_trace, 2, "EMAILAPI1110", static_cast<uint32_t>(text_size));
         text_buffer.reset(static_cast<char*>(std::calloc(text_size, 1)));
         if (!text_buffer) {
@@ -284,7 +291,7 @@ KEMAIL_API int ZvKe_SendEMailPartial_parts(unsigned int ulReserved, MailAddressI
                                            const char* pszSubject, const char* pszServer,
                                            unsigned int ulSplit, SendOptionInfo* pstOption,
                                            MailTimeoutInfo* pstTimeout, MailAuthInfo* pstAuth,
-                                           char* pszMessage, const char* pszTempDir) {
+                                           char* pszMessage, const char* pszTempDir) noexcept {
     (void)ulReserved;  // reserved: never read
     const kemail::Arguments arguments{pstAddress, lAddressCount, pstContent, lContentCount,
                                       pszFrom,    pszSubject,    pszServer,  ulSplit,

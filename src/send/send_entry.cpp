@@ -4,14 +4,19 @@
 
 #include "log/trace_record.h"
 #include "util/paths.h"
+#include "util/format.h"
 
 #include <atomic>
-#include <cstdio>
+
+// Nonzero while a send runs in this process.
+uint32_t g_ulSendBusy = 0;
 
 namespace {
 
-// The exported busy word, taken with one atomic exchange so that a caller
-// racing another one is answered -9 instead of slipping in beside it.
+// Kept: the exported busy word is taken with one atomic exchange rather than
+// tested and set as a plain word, so that a caller racing another one is
+// answered -9 instead of slipping in beside it
+// (test SendResults.RacingThreadsEitherSendOrAreToldBusy).
 bool take_busy_flag() {
     uint32_t idle = 0;
     return std::atomic_ref<uint32_t>(g_ulSendBusy)
@@ -31,7 +36,7 @@ KEMAIL_API int ZvKe_SendEMail(MailAddressInfo* pstAddress, int lAddressCount,
                               const char* pszFrom, const char* pszSubject, const char* pszServer,
                               unsigned int ulSplit, SendOptionInfo* pstOption,
                               MailTimeoutInfo* pstTimeout, MailAuthInfo* pstAuth,
-                              char* pszMessage) {
+                              char* pszMessage) noexcept {
     if (!take_busy_flag()) return KEMAIL_E_BUSY;
     g_trace = nullptr;
     g_pLogHandle = nullptr;
@@ -45,7 +50,7 @@ KEMAIL_API int ZvKe_SendEMail(MailAddressInfo* pstAddress, int lAddressCount,
     kemail::trace(g_trace, 1, "SNDEMAIL0000");
 
     char temp_dir[KEMAIL_TRACE_NAME_SIZE] = {};
-    std::snprintf(temp_dir, sizeof temp_dir, "%s/tmp", KEMAIL_VAR_DIR);
+    kemail::format_into(temp_dir, sizeof temp_dir, kemail::Overflow::Cut, "%s/tmp", KEMAIL_VAR_DIR);
     g_pLogHandle = MailLogOpen(0);
 
     const int result = ZvKe_SendEMailPartial_parts(

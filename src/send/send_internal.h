@@ -1,6 +1,6 @@
 // The send driver's internal pieces: the request checks, the mail
-// configuration, language detection and EUC-JP to Shift_JIS conversion, the
-// work files (staged text "EMT", composed message "EST"), the size estimate,
+// configuration, language detection, the work files (staged text "EMT",
+// composed message "EST"), the size estimate,
 // the table that turns the SMTP and composition layers' internal codes into
 // public results, and the composition and SMTP session steps.
 //
@@ -17,6 +17,7 @@
 //   single CR LF).
 #pragma once
 
+#include "compose/compose.h"
 #include "kemail.h"
 #include "util/util.h"
 
@@ -52,12 +53,6 @@ int read_mail_config();
 // Classifies the process locale through the EUC and Shift_JIS locale tables
 // (GETLANG).
 Language detect_language();
-
-// Converts EUC-JP text to Shift_JIS piece by piece, each piece ending just
-// after a CR LF, appending to dest (which the caller zero-filled). Returns the
-// destination's length, or -1: with no converter (dest untouched), or when a
-// piece failed (dest then holds the unconverted source, cut to size - 1).
-int convert_lines(iconv_t converter, const char* source, char* dest, size_t dest_size);
 
 // ---------------------------------------------------------------------------
 // Work files.

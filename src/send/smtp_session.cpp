@@ -72,17 +72,33 @@ void trace_code_socket(Session& s, const char* code_record, const char* socket_r
     trace_word(g_trace, 0, socket_record, static_cast<uint32_t>(s.socket.get()));
 }
 
+// The records of a failed SMTP_MAIL, of the whole send or of a piece.
+struct MailFailureCodes {
+    const char* code;
+    const char* socket;
+    const char* from;
+    const char* to;
+    const char* status;
+    const char* reply;
+    const char* rewrite[2];
+};
+
+int mail_failed(Session& s, int rc, const MailFailureCodes& codes) {
+    trace_code_socket(s, codes.code, codes.socket, rc);
+    trace_text(g_trace, 0, codes.from, s.plan.from);
+    trace_text(g_trace, 0, codes.to, s.plan.to);
+    trace_word(g_trace, 0, codes.status, s.status);
+    return step_failed(s, rc, kNumberOnSocket, codes.reply, codes.rewrite);
+}
+
 int send_whole(Session& s) {
-    static const char* const kRewrite[2] = {"EMAILAPI0166", "EMAILAPI0167"};
+    static constexpr MailFailureCodes kMailFailed{
+        .code = "EMAILAPI0160", .socket = "EMAILAPI0161", .from = "EMAILAPI0162",
+        .to = "EMAILAPI0163", .status = "EMAILAPI0164", .reply = "EMAILAPI0165",
+        .rewrite = {"EMAILAPI0166", "EMAILAPI0167"}};
     const SendPlan& plan = s.plan;
     int rc = SMTP_MAIL(s.socket.get(), plan.from, plan.to, &s.status);
-    if (rc < 0) {
-        trace_code_socket(s, "EMAILAPI0160", "EMAILAPI0161", rc);
-        trace_text(g_trace, 0, "EMAILAPI0162", plan.from);
-        trace_text(g_trace, 0, "EMAILAPI0163", plan.to);
-        trace_word(g_trace, 0, "EMAILAPI0164", s.status);
-        return step_failed(s, rc, kNumberOnSocket, "EMAILAPI0165", kRewrite);
-    }
+    if (rc < 0) return mail_failed(s, rc, kMailFailed);
     rc = SMTP_startData(s.socket.get(), &s.status);
     if (rc < 0) {
         trace_code_socket(s, "EMAILAPI0170", "EMAILAPI0171", rc);
@@ -107,7 +123,10 @@ int send_whole(Session& s) {
 }
 
 int send_pieces(Session& s) {
-    static const char* const kRewrite[2] = {"EMAILAPI0117", "EMAILAPI0118"};
+    static constexpr MailFailureCodes kMailFailed{
+        .code = "EMAILAPI0110", .socket = "EMAILAPI0111", .from = "EMAILAPI0113",
+        .to = "EMAILAPI0114", .status = "EMAILAPI0115", .reply = "EMAILAPI0116",
+        .rewrite = {"EMAILAPI0117", "EMAILAPI0118"}};
     const SendPlan& plan = s.plan;
     ComposedMessage& composed = s.composed;
     trace(g_trace, 2, "EMAILAPI0109");
@@ -124,13 +143,7 @@ int send_pieces(Session& s) {
     FileSeek(fd, 0, SEEK_SET);
     for (int piece = 1; piece <= composed.piece_count; ++piece) {
         int rc = SMTP_MAIL(s.socket.get(), plan.from, plan.to, &s.status);
-        if (rc < 0) {
-            trace_code_socket(s, "EMAILAPI0110", "EMAILAPI0111", rc);
-            trace_text(g_trace, 0, "EMAILAPI0113", plan.from);
-            trace_text(g_trace, 0, "EMAILAPI0114", plan.to);
-            trace_word(g_trace, 0, "EMAILAPI0115", s.status);
-            return step_failed(s, rc, kNumberOnSocket, "EMAILAPI0116", kRewrite);
-        }
+        if (rc < 0) return mail_failed(s, rc, kMailFailed);
         s.auth_memory = 0;
         rc = SMTP_startData(s.socket.get(), &s.status);
         if (rc < 0) {
@@ -190,6 +203,8 @@ int run_session(const SendPlan& plan, ComposedMessage& composed, int warning) {
     Session s{plan, composed, UniqueFd(), 0, 0, 0};
 
     trace(g_trace, 2, "EMAILAPI00d8");
+    // The socket initialiser only clears the status word: it has no failure,
+    // so its failure records EMAILAPI00e0 and EMAILAPI00e1 are never written.
     trace(g_trace, 1, "INITSOCK0000");
     s.status = 0;
     trace(g_trace, 1, "INITSOCKFFFF");

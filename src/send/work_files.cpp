@@ -38,14 +38,6 @@ void WorkFile::remove() {
 
 namespace {
 
-// Writes all bytes; false with the error number in *file_err otherwise.
-bool write_all(int fd, const char* bytes, size_t length, unsigned* file_err) {
-    if (FileWrite(fd, bytes, length) == static_cast<long>(length)) return true;
-    const int error = GetErrorCode();
-    *file_err = static_cast<unsigned>(error);
-    return false;
-}
-
 // Traces a failed write with its pair of codes; the caller cleans up.
 int staging_write_failed(WorkFile& file, const char* code, const char* error_code,
                          unsigned file_err) {
@@ -95,6 +87,9 @@ int stage_text(WorkFile& file, const char* temp_dir, const char* text, unsigned*
         if (rest > 0 && !write_all(fd, line, rest, file_err))
             return staging_write_failed(file, "MEMDATA0140", "MEMDATA0150", *file_err);
     }
+    // Kept: one more CR LF in every case, so a text ending in LF gets an
+    // extra empty line and an absent text is a single CR LF
+    // (test TextStaging.LineEndsBecomeCrLfAndAnExtraLineEndFollows).
     trace(g_trace, 2, "MEMDATA0200");
     if (!write_all(fd, "\r\n", 2, file_err))
         return staging_write_failed(file, "MEMDATA0210", "MEMDATA0220", *file_err);

@@ -4,8 +4,8 @@
 #include "kemail.h"
 #include "log/trace_record.h"
 #include "smtp/auth_codec.h"
+#include "util/format.h"
 
-#include <cstdio>
 #include <cstring>
 
 using kemail::trace;
@@ -30,7 +30,7 @@ extern "C" {
 
 // user NUL user NUL password: the authorisation identity is the user itself.
 KEMAIL_API int Auth_GetCertPlainString(const char* pszUser, const char* pszPassword,
-                                       char* pszOut) {
+                                       char* pszOut) noexcept {
     pszUser = or_empty(pszUser);
     pszPassword = or_empty(pszPassword);
     trace(g_trace, 1, "AHPLA0000");
@@ -53,7 +53,7 @@ KEMAIL_API int Auth_GetCertPlainString(const char* pszUser, const char* pszPassw
 }
 
 KEMAIL_API int Auth_GetCertLoginString(const char* pszUser, const char* pszPassword,
-                                       char* pszOutUser, char* pszOutPassword) {
+                                       char* pszOutUser, char* pszOutPassword) noexcept {
     pszUser = or_empty(pszUser);
     pszPassword = or_empty(pszPassword);
     trace(g_trace, 1, "AHLGIN0000");
@@ -76,7 +76,7 @@ KEMAIL_API int Auth_GetCertLoginString(const char* pszUser, const char* pszPassw
 // RFC 2195: base64 of "user hexdigest", the digest being HMAC-MD5 of the
 // decoded challenge keyed with the password.
 KEMAIL_API int Auth_GetCertCramString(const char* pszUser, const char* pszPassword,
-                                      const char* pszChallenge, char* pszOut) {
+                                      const char* pszChallenge, char* pszOut) noexcept {
     pszUser = or_empty(pszUser);
     pszPassword = or_empty(pszPassword);
     pszChallenge = or_empty(pszChallenge);
@@ -106,10 +106,8 @@ KEMAIL_API int Auth_GetCertCramString(const char* pszUser, const char* pszPasswo
 
     // Three spare bytes behind the text for the encoder.
     unsigned char response[kCramTextMax + 1 + 3];
-    int length = std::snprintf(reinterpret_cast<char*>(response), kCramTextMax + 1, "%s %s",
-                               pszUser, hex);
-    if (length < 0) length = 0;
-    if (static_cast<size_t>(length) > kCramTextMax) length = static_cast<int>(kCramTextMax);
+    const int length = kemail::format_into(reinterpret_cast<char*>(response), kCramTextMax + 1,
+                                           kemail::Overflow::Cut, "%s %s", pszUser, hex);
     Auth_Base64Encode(response, pszOut, length);
 
     trace(g_trace, 1, "AHCRAMFFFF");

@@ -4,6 +4,7 @@
 #include "kemail.h"
 #include "log/trace_record.h"
 #include "smtp/smtp.h"
+#include "util/byte_reader.h"
 
 #include <cerrno>
 #include <climits>
@@ -35,49 +36,8 @@ ssize_t read_fully(int fd, char* dst, size_t want) {
     return static_cast<ssize_t>(got);
 }
 
-// Hands out a file's bytes one at a time, as if each were read on its own,
-// but fetches them in small blocks: what was fetched beyond the last byte
-// handed out is given back with lseek when the reader is done, so the file
-// offset ends exactly where byte-by-byte reading would leave it. A file that
-// cannot seek is read one byte per call.
-class ByteReader {
-public:
-    explicit ByteReader(int fd) : fd_(fd), seekable_(lseek(fd, 0, SEEK_CUR) >= 0) {}
-    ~ByteReader() {
-        if (pos_ < len_) lseek(fd_, -static_cast<off_t>(len_ - pos_), SEEK_CUR);
-    }
-    ByteReader(const ByteReader&) = delete;
-    ByteReader& operator=(const ByteReader&) = delete;
-
-    // One byte; 1, 0 at the end of the file, -1 on an error (errno set).
-    ssize_t next(char* dst) {
-        if (pos_ == len_) {
-            const ssize_t n = fill();
-            if (n <= 0) return n;
-        }
-        *dst = block_[pos_++];
-        return 1;
-    }
-
-private:
-    ssize_t fill() {
-        pos_ = len_ = 0;
-        const size_t want = seekable_ ? sizeof block_ : 1;
-        for (;;) {
-            const ssize_t n = read(fd_, block_, want);
-            if (n >= 0 || errno != EINTR) {
-                if (n > 0) len_ = static_cast<size_t>(n);
-                return n;
-            }
-        }
-    }
-
-    int fd_;
-    bool seekable_;
-    size_t pos_ = 0;
-    size_t len_ = 0;
-    char block_[256];
-};
+// Blocks of 256 bytes: a chunk is extended by a line or two at a time.
+using ByteReader = kemail::ByteReader<256>;
 
 // Appends whole lines read from the file to dest, at most `room` bytes: with
 // count 0 one line, with count 1 up to and including the next empty line and
@@ -128,7 +88,7 @@ extern "C" {
 // and goes on in the next chunk. The result is the chunk's length; a NUL
 // follows it.
 KEMAIL_API int SMTP_getSendData(int lFile, char* pBuf, int lSizeKb, const char* pszBoundary,
-                                unsigned int* pulErr) {
+                                unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     if (!pBuf || lSizeKb < 2 || lSizeKb > INT_MAX / 1024) {
@@ -235,7 +195,7 @@ KEMAIL_API int SMTP_getSendData(int lFile, char* pBuf, int lSizeKb, const char* 
 // The line that ends just before lEnd: back to the byte after the previous
 // CR LF, to position 1, or to lSize - 1 bytes, whichever comes first. The
 // result is the line's start (1 or less: the buffer's start was reached).
-KEMAIL_API int SMTP_getline(const char* pBuf, int lEnd, char* pszLine, int lSize) {
+KEMAIL_API int SMTP_getline(const char* pBuf, int lEnd, char* pszLine, int lSize) noexcept {
     if (!pszLine || lSize < 2) {
         if (pszLine && lSize == 1) pszLine[0] = '\0';
         return 1;
@@ -270,7 +230,7 @@ KEMAIL_API int SMTP_getline(const char* pBuf, int lEnd, char* pszLine, int lSize
 }
 
 // dest is taken to begin a line, and must have room for what is appended.
-KEMAIL_API int SMTP_addline(int lFile, char* pDest, int lCount, unsigned int* pulErr) {
+KEMAIL_API int SMTP_addline(int lFile, char* pDest, int lCount, unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     static constexpr char kLineStart[2] = {'\r', '\n'};

@@ -23,12 +23,12 @@ constexpr const char* kOwnerGroup = "sys";
 
 extern "C" {
 
-KEMAIL_API DIR* DirectryOpen(const char* pszPath) {
+KEMAIL_API DIR* DirectryOpen(const char* pszPath) noexcept {
     if (!kemail::path_acceptable(pszPath)) return nullptr;
     return ::opendir(pszPath);
 }
 
-KEMAIL_API struct dirent* DirectryRead(DIR* pDir, struct dirent* pstEntry) {
+KEMAIL_API struct dirent* DirectryRead(DIR* pDir, struct dirent* pstEntry) noexcept {
     if (pDir == nullptr || pstEntry == nullptr) {
         errno = EINVAL;
         return nullptr;
@@ -48,7 +48,7 @@ KEMAIL_API struct dirent* DirectryRead(DIR* pDir, struct dirent* pstEntry) {
     return pstEntry;
 }
 
-KEMAIL_API int DirectryClose(DIR* pDir) {
+KEMAIL_API int DirectryClose(DIR* pDir) noexcept {
     if (pDir == nullptr) {
         errno = EBADF;
         return -1;
@@ -56,7 +56,7 @@ KEMAIL_API int DirectryClose(DIR* pDir) {
     return ::closedir(pDir);
 }
 
-KEMAIL_API int DirectryMake(const char* pszPath) {
+KEMAIL_API int DirectryMake(const char* pszPath) noexcept {
     if (!kemail::path_acceptable(pszPath)) return -1;
     // Only the last component is made; an existing directory is a failure too.
     if (::mkdir(pszPath, 0755) != 0) return -1;

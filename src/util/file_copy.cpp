@@ -60,7 +60,7 @@ void take_over_attributes(const char* target, const struct stat& source) {
 extern "C" {
 
 KEMAIL_API int FileCopy(const char* pszSrcDir, const char* pszDstDir, const char* pszName,
-                        const char* pszNewName, ...) {
+                        const char* pszNewName, ...) noexcept {
     if (pszSrcDir == nullptr || pszDstDir == nullptr || pszName == nullptr) {
         errno = EINVAL;
         return kFailed;

@@ -16,7 +16,7 @@ constexpr int kSystemFailed = 127;
 
 extern "C" {
 
-KEMAIL_API int ExecCommand(const char* pszCommand) {
+KEMAIL_API int ExecCommand(const char* pszCommand) noexcept {
     const int status = std::system(pszCommand);
     // Kept: only a negative result or exactly 127 is a failure. The wait
     // status is not decoded, so a command that exits with any status is a
@@ -28,13 +28,13 @@ KEMAIL_API int ExecCommand(const char* pszCommand) {
     return 0;
 }
 
-KEMAIL_API void* DLLOpen(const char* pszLibrary) {
+KEMAIL_API void* DLLOpen(const char* pszLibrary) noexcept {
     // A null name is dlopen's own: the running program.
     if (pszLibrary != nullptr && !kemail::path_acceptable(pszLibrary)) return nullptr;
     return ::dlopen(pszLibrary, RTLD_LAZY);
 }
 
-KEMAIL_API int DLLClose(void* pLibrary) {
+KEMAIL_API int DLLClose(void* pLibrary) noexcept {
     if (pLibrary == nullptr) {
         errno = EINVAL;
         return -1;
@@ -42,7 +42,7 @@ KEMAIL_API int DLLClose(void* pLibrary) {
     return ::dlclose(pLibrary);
 }
 
-KEMAIL_API void* DLLGetProcAddress(void* pLibrary, const char* pszSymbol) {
+KEMAIL_API void* DLLGetProcAddress(void* pLibrary, const char* pszSymbol) noexcept {
     // A null library handle is RTLD_DEFAULT: the global search order.
     if (pszSymbol == nullptr) {
         errno = EINVAL;

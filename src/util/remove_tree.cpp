@@ -96,7 +96,7 @@ private:
 
 extern "C" {
 
-KEMAIL_API int ExecDelDir(const char* pszPath, int lMaxDepth) {
+KEMAIL_API int ExecDelDir(const char* pszPath, int lMaxDepth) noexcept {
     if (!kemail::path_acceptable(pszPath)) return kNotRemoved;
     TreeRemover remover(pszPath, lMaxDepth);
     return remover.remove(1);

@@ -29,7 +29,7 @@ char* lower_case_copy(const char* text) {
 
 extern "C" {
 
-KEMAIL_API int CheckString_NotUpLow(const char* pszA, const char* pszB) {
+KEMAIL_API int CheckString_NotUpLow(const char* pszA, const char* pszB) noexcept {
     // A missing text equals nothing, not even another missing one.
     if (pszA == nullptr || pszB == nullptr) return kDifferent;
     kemail::UniqueMalloc<char> a(lower_case_copy(pszA));

@@ -1,7 +1,8 @@
-// Owning wrappers that release descriptors, directory streams and heap
-// blocks on every exit path.
+// Owning wrappers that release descriptors, directory streams, stdio
+// streams and heap blocks on every exit path.
 #pragma once
 
+#include <cstdio>
 #include <cstdlib>
 #include <utility>
 
@@ -38,20 +39,27 @@ private:
     int fd_ = -1;
 };
 
-class UniqueDir {
+// A handle of a C library stream type released by its close function
+// (closedir, fclose). Directory and read-only streams only: nothing is lost
+// when the close fails, so its result is not needed.
+template <typename Handle, int (*Close)(Handle*)>
+class UniqueHandle {
 public:
-    explicit UniqueDir(DIR* dir) : dir_(dir) {}
-    ~UniqueDir() {
-        if (dir_) ::closedir(dir_);
+    explicit UniqueHandle(Handle* handle) : handle_(handle) {}
+    ~UniqueHandle() {
+        if (handle_) Close(handle_);
     }
-    UniqueDir(const UniqueDir&) = delete;
-    UniqueDir& operator=(const UniqueDir&) = delete;
-    DIR* get() const { return dir_; }
-    explicit operator bool() const { return dir_ != nullptr; }
+    UniqueHandle(const UniqueHandle&) = delete;
+    UniqueHandle& operator=(const UniqueHandle&) = delete;
+    Handle* get() const { return handle_; }
+    explicit operator bool() const { return handle_ != nullptr; }
 
 private:
-    DIR* dir_;
+    Handle* handle_;
 };
+
+using UniqueDir = UniqueHandle<DIR, ::closedir>;
+using UniqueFile = UniqueHandle<FILE, ::fclose>;
 
 // A malloc'ed block (allocation failures stay visible as a null pointer).
 template <typename T>

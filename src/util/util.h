@@ -42,6 +42,12 @@ bool format_path(PathBuffer& out, const char* format, ...) __attribute__((format
 // null buffer) nothing is written and the result is 0.
 size_t copy_cut(char* out, size_t size, const char* text);
 
+// Writes all length bytes, going on after a short write (each write retried
+// on EINTR), so that a failure always comes with the errno of the write that
+// could not proceed (EFBIG, ENOSPC ...). False, with that errno in *error
+// (when error is not null), on failure.
+bool write_all(int fd, const void* data, size_t length, unsigned int* error);
+
 // The allocator behind the utilities' heap blocks (profile sections and
 // entries, case-folded copies). It is std::malloc; tests point it at a
 // failing allocator to reach the out-of-memory paths. Blocks are released

@@ -49,7 +49,7 @@ uint32_t word_of(const TraceRecord& record) {
 
 // The library's trace writer, replaced for this test program.
 extern "C" int Twrite(TraceHandle*, unsigned int ulLevel, const char* pszCode, const void* pData,
-                      unsigned int ulLength) {
+                      unsigned int ulLength) noexcept {
     compose_test::TraceRecord record{ulLevel, pszCode ? pszCode : "", {}};
     if (pData != nullptr) record.data.assign(static_cast<const char*>(pData), ulLength);
     compose_test::records().push_back(std::move(record));

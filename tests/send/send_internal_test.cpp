@@ -1,5 +1,5 @@
-// The send driver's internal helpers: the code changer, the line converter,
-// text staging, work-file names and the size estimate.
+// The send driver's internal helpers: the code changer, text staging,
+// work-file names and the size estimate.
 #include "send/send_internal.h"
 #include "support/temp_dir.h"
 
@@ -24,72 +24,6 @@ TEST(CodeChanger, MapsEveryRowOfTheTable) {
     for (int code : {-4, -3, -1}) EXPECT_EQ(change_code(code), KEMAIL_E_SOCKET) << code;
     for (int code : {-7, -10, -12, -20, -28, -30, -34, -100})
         EXPECT_EQ(change_code(code), KEMAIL_E_INTERNAL) << code;
-}
-
-class LineConverter : public ::testing::Test {
-protected:
-    void SetUp() override {
-        converter_ = Cnv_open("eucJP", "SJIS");
-        ASSERT_NE(converter_, reinterpret_cast<iconv_t>(-1));
-    }
-    void TearDown() override { Cnv_close(converter_); }
-    iconv_t converter_{};
-};
-
-TEST_F(LineConverter, NoConverterLeavesDestinationEmpty) {
-    char dest[16] = {};
-    EXPECT_EQ(convert_lines(reinterpret_cast<iconv_t>(-1), "abc", dest, sizeof dest), -1);
-    EXPECT_STREQ(dest, "");
-}
-
-TEST_F(LineConverter, ConvertsEachLineAndKeepsLineEnds) {
-    // EUC-JP A4A2 (hiragana a) is Shift_JIS 82A0.
-    char dest[64] = {};
-    EXPECT_EQ(convert_lines(converter_, "x\xA4\xA2\r\ny\r\n\xA4\xA2", dest, sizeof dest), 10);
-    EXPECT_STREQ(dest, "x\x82\xA0\r\ny\r\n\x82\xA0");
-}
-
-TEST_F(LineConverter, OnePieceLongerThanTheUsualScratchConvertsWhole) {
-    std::string source;
-    std::string expected;
-    for (int i = 0; i < 5000; ++i) {  // 10,000 bytes without a line end
-        source += "\xA4\xA2";
-        expected += "\x82\xA0";
-    }
-    std::string dest(source.size() + 1, '\0');
-    EXPECT_EQ(convert_lines(converter_, source.c_str(), dest.data(), dest.size()),
-              static_cast<int>(expected.size()));
-    EXPECT_EQ(std::string(dest.c_str()), expected);
-}
-
-TEST_F(LineConverter, WholeTextEqualsPieceByPiece) {
-    std::string source;
-    for (int line = 0; line < 40; ++line) {
-        source += "line " + std::to_string(line) + " \xC6\xFC\xCB\xDC";
-        source += std::string(static_cast<size_t>(line) * 37 % 1500, 'a') + "\r\n";
-    }
-    source += "\xB8\xEC";  // a last piece without a line end
-    std::string whole(source.size() + 1, '\0');
-    const int whole_length = convert_lines(converter_, source.c_str(), whole.data(), whole.size());
-    ASSERT_GT(whole_length, 0);
-    std::string pieces;
-    size_t at = 0;
-    while (at < source.size()) {
-        size_t end = source.find("\r\n", at);
-        end = end == std::string::npos ? source.size() : end + 2;
-        const std::string piece = source.substr(at, end - at);
-        std::string out(piece.size() + 1, '\0');
-        ASSERT_GE(convert_lines(converter_, piece.c_str(), out.data(), out.size()), 0);
-        pieces += out.c_str();
-        at = end;
-    }
-    EXPECT_EQ(std::string(whole.c_str(), static_cast<size_t>(whole_length)), pieces);
-}
-
-TEST_F(LineConverter, FailedPieceLeavesTheSourceUnconvertedAndCut) {
-    char dest[8] = {};
-    EXPECT_EQ(convert_lines(converter_, "ok\r\n\xA4" "A tail", dest, sizeof dest), -1);
-    EXPECT_STREQ(dest, "ok\r\n\xA4" "A ");  // the source, cut to size - 1
 }
 
 TEST(WorkFileName, NameOf1025CharactersIsRefused) {

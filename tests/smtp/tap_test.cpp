@@ -161,7 +161,7 @@ uint32_t word_of(const TraceEvent& event) {
 }  // namespace smtp_test
 
 extern "C" int Twrite(TraceHandle* pHandle, unsigned int ulLevel, const char* pszCode,
-                      const void* pData, unsigned int ulLength) {
+                      const void* pData, unsigned int ulLength) noexcept {
     const int saved_errno = errno;
     {
         std::lock_guard<std::mutex> lock(smtp_test::g_tap_mutex);

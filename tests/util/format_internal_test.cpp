@@ -9,6 +9,19 @@
 using kemail::format_into;
 using kemail::Overflow;
 
+// Moved here from the composition's tests when its own line formatter gave
+// way to this one.
+TEST(FormatInto, CutStoresWhatFitsAndReportsTheStoredLength) {
+    char out[8];
+    EXPECT_EQ(kemail::format_into(out, sizeof out, Overflow::Cut, "%s", "abc"), 3);
+    EXPECT_STREQ(out, "abc");
+    EXPECT_EQ(kemail::format_into(out, sizeof out, Overflow::Cut, "%s", "abcdefghij"), 7);
+    EXPECT_STREQ(out, "abcdefg");
+    EXPECT_EQ(kemail::format_into(out, 1, Overflow::Cut, "%s", "abc"), 0);
+    EXPECT_STREQ(out, "");
+    EXPECT_EQ(kemail::format_into(out, 0, Overflow::Cut, "%s", "abc"), 0);
+}
+
 TEST(FormatInto, TextThatFitsIsStoredWhole) {
     char out[8];
     EXPECT_EQ(format_into(out, sizeof out, Overflow::Refuse, "%s-%d", "ab", 12), 5);

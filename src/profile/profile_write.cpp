@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "kemail.h"
-#include "util/profile.h"
+#include "profile/profile.h"
 #include "util/util.h"
 
 namespace {
@@ -55,7 +55,7 @@ Node* last_of(Node* first) {
 extern "C" {
 
 KEMAIL_API int Com_WritePrivateProfileString(ProfileHandle* pHandle, const char* pszSection,
-                                             const char* pszKey, const char* pszValue) {
+                                             const char* pszKey, const char* pszValue) noexcept {
     if (pHandle == nullptr || pHandle->flags == 0 || pszSection == nullptr) return kRefused;
     // Names the fields cannot hold are refused rather than cut.
     if (strnlen(pszSection, kProfileNameMax + 1) > kProfileNameMax) return kRefused;

@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "kemail.h"
-#include "util/profile.h"
+#include "profile/profile.h"
 #include "util/unique_fd.h"
 #include "util/util.h"
 
@@ -64,11 +64,11 @@ bool write_profile(int fd, const ProfileHandle* handle) {
 
 extern "C" {
 
-KEMAIL_API int Com_ClosePrivateProfile(ProfileHandle* pHandle, const char* pszPath) {
+KEMAIL_API int Com_ClosePrivateProfile(ProfileHandle* pHandle, const char* pszPath) noexcept {
     return Com_ClosePrivateProfile2(pHandle, pszPath, nullptr);
 }
 
-KEMAIL_API int Com_ClosePrivateProfile2(ProfileHandle* pHandle, const char* pszPath, int* plErr) {
+KEMAIL_API int Com_ClosePrivateProfile2(ProfileHandle* pHandle, const char* pszPath, int* plErr) noexcept {
     if (pHandle == nullptr) return -1;
     // Kept: a handle whose last change ran out of memory (state 2) is not
     // written back, even though earlier changes succeeded

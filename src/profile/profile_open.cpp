@@ -9,7 +9,8 @@
 #include <cstring>
 
 #include "kemail.h"
-#include "util/profile.h"
+#include "profile/profile.h"
+#include "util/unique_fd.h"
 #include "util/util.h"
 
 namespace {
@@ -96,12 +97,12 @@ private:
 
 extern "C" {
 
-KEMAIL_API ProfileHandle* Com_OpenPrivateProfile(const char* pszPath, unsigned int ulFlags) {
+KEMAIL_API ProfileHandle* Com_OpenPrivateProfile(const char* pszPath, unsigned int ulFlags) noexcept {
     return Com_OpenPrivateProfile2(pszPath, ulFlags, nullptr);
 }
 
 KEMAIL_API ProfileHandle* Com_OpenPrivateProfile2(const char* pszPath, unsigned int ulFlags,
-                                                  int* plErr) {
+                                                  int* plErr) noexcept {
     auto* handle = static_cast<ProfileHandle*>(kemail::util_malloc(sizeof(ProfileHandle)));
     if (handle == nullptr) {
         if (plErr != nullptr) *plErr = errno;
@@ -112,19 +113,17 @@ KEMAIL_API ProfileHandle* Com_OpenPrivateProfile2(const char* pszPath, unsigned 
 
     // A file that can't be read is an empty profile: every look-up gives its default.
     if (pszPath == nullptr) return handle;
-    FILE* file = std::fopen(pszPath, "re");
-    if (file == nullptr) return handle;
+    const kemail::UniqueFile file(std::fopen(pszPath, "re"));
+    if (!file) return handle;
 
     ProfileBuilder builder(handle);
     char line[kLineBufferSize];
-    while (std::fgets(line, sizeof line, file) != nullptr) {
+    while (std::fgets(line, sizeof line, file.get()) != nullptr) {
         if (!builder.add_line(line, plErr)) {
-            std::fclose(file);
             kemail::free_profile(handle);
             return nullptr;
         }
     }
-    std::fclose(file);
     return handle;
 }
 

@@ -1,7 +1,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "util/profile.h"
+#include "profile/profile.h"
 #include "util/util.h"
 
 namespace kemail {
@@ -46,30 +46,32 @@ void free_profile(ProfileHandle* handle) {
     std::free(handle);
 }
 
-ProfileSection* find_profile_section(const ProfileHandle* handle, const char* name,
-                                     ProfileSection** previous) {
-    ProfileSection* before = nullptr;
-    for (ProfileSection* section = handle->sections; section != nullptr;
-         before = section, section = section->next) {
-        if (std::strcmp(section->name, name) == 0) {
+namespace {
+
+// The first node of a list whose name field equals name; *previous (when
+// given) receives the node before it.
+template <typename Node, size_t Size>
+Node* find_first(Node* head, char (Node::*field)[Size], const char* name, Node** previous) {
+    Node* before = nullptr;
+    for (Node* node = head; node != nullptr; before = node, node = node->next) {
+        if (std::strcmp(node->*field, name) == 0) {
             if (previous != nullptr) *previous = before;
-            return section;
+            return node;
         }
     }
     return nullptr;
 }
 
+}  // namespace
+
+ProfileSection* find_profile_section(const ProfileHandle* handle, const char* name,
+                                     ProfileSection** previous) {
+    return find_first(handle->sections, &ProfileSection::name, name, previous);
+}
+
 ProfileEntry* find_profile_entry(const ProfileSection* section, const char* key,
                                  ProfileEntry** previous) {
-    ProfileEntry* before = nullptr;
-    for (ProfileEntry* entry = section->entries; entry != nullptr;
-         before = entry, entry = entry->next) {
-        if (std::strcmp(entry->key, key) == 0) {
-            if (previous != nullptr) *previous = before;
-            return entry;
-        }
-    }
-    return nullptr;
+    return find_first(section->entries, &ProfileEntry::key, key, previous);
 }
 
 }  // namespace kemail

@@ -1,12 +1,12 @@
 // Look-ups in an open private profile.
 #include <cctype>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "kemail.h"
-#include "util/profile.h"
+#include "profile/profile.h"
 #include "util/util.h"
+#include "util/format.h"
 
 namespace {
 
@@ -22,7 +22,7 @@ extern "C" {
 
 KEMAIL_API int Com_GetPrivateProfileString(ProfileHandle* pHandle, const char* pszSection,
                                            const char* pszKey, const char* pszDefault,
-                                           char* pszOut, unsigned int ulSize) {
+                                           char* pszOut, unsigned int ulSize) noexcept {
     if (pHandle == nullptr) return -1;
     const char* text = pszDefault != nullptr ? pszDefault : "";
     if (pszSection != nullptr && pszKey != nullptr) {
@@ -35,13 +35,14 @@ KEMAIL_API int Com_GetPrivateProfileString(ProfileHandle* pHandle, const char* p
 }
 
 KEMAIL_API int Com_GetPrivateProfileInt(ProfileHandle* pHandle, const char* pszSection,
-                                        const char* pszKey, int lDefault, const char* /*pszPath*/) {
+                                        const char* pszKey, int lDefault, const char* /*pszPath*/) noexcept {
     if (pHandle == nullptr) return 0;
     // Kept: a negative default is looked up as "0", so a missing key yields
     // 0, while a key with an empty value yields the default as given
     // (test ProfileRead.IntMissingKeyEmptyValueAndTrailingText).
     char default_text[kIntTextSize];
-    std::snprintf(default_text, sizeof default_text, "%d", lDefault < 0 ? 0 : lDefault);
+    kemail::format_into(default_text, sizeof default_text, kemail::Overflow::Cut, "%d",
+                        lDefault < 0 ? 0 : lDefault);
     char value[kIntTextSize] = {};
     Com_GetPrivateProfileString(pHandle, pszSection, pszKey, default_text, value, sizeof value);
     if (value[0] == '\0') return lDefault;
@@ -52,7 +53,7 @@ KEMAIL_API int Com_GetPrivateProfileInt(ProfileHandle* pHandle, const char* pszS
 KEMAIL_API unsigned int Com_GetPrivateProfileIntHex(ProfileHandle* pHandle,
                                                     const char* pszSection, const char* pszKey,
                                                     unsigned int ulDefault,
-                                                    const char* /*pszPath*/) {
+                                                    const char* /*pszPath*/) noexcept {
     char text[kHexTextSize] = {};
     if (Com_GetPrivateProfileString(pHandle, pszSection, pszKey, "", text, sizeof text) < 0 ||
         text[0] == '\0') {
