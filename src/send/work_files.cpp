@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 namespace kemail {
@@ -38,12 +39,21 @@ void WorkFile::remove() {
 
 namespace {
 
-// Writes all bytes; false with the error number in *file_err otherwise.
+// Writes all bytes; false with the error number in *file_err otherwise. A
+// short write goes on with the rest, so that a failure always comes with the
+// error number of the write that could not proceed.
 bool write_all(int fd, const char* bytes, size_t length, unsigned* file_err) {
-    if (FileWrite(fd, bytes, length) == static_cast<long>(length)) return true;
-    const int error = GetErrorCode();
-    *file_err = static_cast<unsigned>(error);
-    return false;
+    while (length > 0) {
+        errno = 0;
+        const long written = FileWrite(fd, bytes, length);
+        if (written <= 0) {
+            *file_err = static_cast<unsigned>(GetErrorCode());
+            return false;
+        }
+        bytes += written;
+        length -= static_cast<size_t>(written);
+    }
+    return true;
 }
 
 // Traces a failed write with its pair of codes; the caller cleans up.
