@@ -124,7 +124,10 @@ int compose_message(const SendPlan& plan, WorkFile& staged_text, int has_attachm
         }
     }
     trace(g_trace, 0, "EMAILAPI00b7");
-    FileSeek(fd, 0, SEEK_SET);
+    // Sending and the counting pass read the message from its start.
+    if (FileSeek(fd, 0, SEEK_SET) < 0)
+        return composition_failed(composed, plan.message, -32,
+                                  static_cast<unsigned>(GetErrorCode()));
 
     if (plan.split == 1) return count_pieces(plan, composed);
     return 0;
