@@ -39,24 +39,42 @@ ssize_t read_fully(int fd, char* dst, size_t want) {
 // but fetches them in small blocks: what was fetched beyond the last byte
 // handed out is given back with lseek when the reader is done, so the file
 // offset ends exactly where byte-by-byte reading would leave it. A file that
-// cannot seek is read one byte per call.
+// cannot seek (ESPIPE) is read one byte per call. The give-back must be
+// asked for (give_back) on every path that goes on reading the file: a failed
+// one leaves the offset past bytes that were never handed out.
 class ByteReader {
 public:
-    explicit ByteReader(int fd) : fd_(fd), seekable_(lseek(fd, 0, SEEK_CUR) >= 0) {}
-    ~ByteReader() {
-        if (pos_ < len_) lseek(fd_, -static_cast<off_t>(len_ - pos_), SEEK_CUR);
+    explicit ByteReader(int fd) : fd_(fd) {
+        if (lseek(fd, 0, SEEK_CUR) < 0) {
+            seekable_ = false;
+            if (errno != ESPIPE) probe_error_ = errno;
+        }
     }
+    // Best effort only: the paths that go on with the file use give_back.
+    ~ByteReader() { give_back(); }
     ByteReader(const ByteReader&) = delete;
     ByteReader& operator=(const ByteReader&) = delete;
 
     // One byte; 1, 0 at the end of the file, -1 on an error (errno set).
     ssize_t next(char* dst) {
+        if (probe_error_ != 0) {
+            errno = probe_error_;
+            return -1;
+        }
         if (pos_ == len_) {
             const ssize_t n = fill();
             if (n <= 0) return n;
         }
         *dst = block_[pos_++];
         return 1;
+    }
+
+    // Returns the read-ahead to the file: 0, or -1 with errno set.
+    int give_back() {
+        if (pos_ >= len_) return 0;
+        const off_t back = -static_cast<off_t>(len_ - pos_);
+        pos_ = len_ = 0;
+        return lseek(fd_, back, SEEK_CUR) < 0 ? -1 : 0;
     }
 
 private:
@@ -73,7 +91,8 @@ private:
     }
 
     int fd_;
-    bool seekable_;
+    bool seekable_ = true;
+    int probe_error_ = 0;
     size_t pos_ = 0;
     size_t len_ = 0;
     char block_[256];
@@ -109,6 +128,11 @@ int append_lines(int fd, char* dest, size_t room, int count, const char before[2
         }
         two_back = one_back;
         one_back = byte;
+    }
+    if (reader.give_back() != 0) {
+        *pulErr = static_cast<unsigned int>(errno);
+        trace_word(g_trace, 0, "smtp1210", *pulErr);
+        return kFileError;
     }
     return static_cast<int>(appended);
 }
@@ -170,6 +194,11 @@ KEMAIL_API int SMTP_getSendData(int lFile, char* pBuf, int lSizeKb, const char* 
                 return static_cast<int>(count);
             }
             ++count;
+        }
+        if (reader.give_back() != 0) {
+            *pulErr = static_cast<unsigned int>(errno);
+            trace_word(g_trace, 0, "smtp1020", *pulErr);
+            return kFileError;
         }
     }
 
