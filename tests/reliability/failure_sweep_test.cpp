@@ -237,10 +237,14 @@ std::string judge(int call, int mode, const Request& request, int result, const 
         case KEMAIL_E_REFUSED:
         case KEMAIL_E_AUTH_REFUSED:
         case KEMAIL_E_NO_AUTH:
-            if (message[0] < '2' || message[0] > '5' || std::strlen(message) < 3)
+            // A reply line as the server sent it; after a lost RSET reply it
+            // is an earlier one than the server's last (the replies are out
+            // of step), so only its form is checked.
+            if (message[0] < '2' || message[0] > '5' || std::strlen(message) < 5 ||
+                std::strcmp(message + std::strlen(message) - 2, "\r\n") != 0)
                 bad << "detail \"" << message << "\" is not a server reply; ";
-            else if (last_reply.find(std::string(message, 3)) == std::string::npos && mode != FI_ERRNO)
-                bad << "detail \"" << message << "\" is not the server's last reply; ";
+            else if (!fired)
+                bad << "refused (last reply \"" << last_reply << "\") without a fault; ";
             break;
         default:
             if (message[0] != '\0') bad << "detail \"" << message << "\" where none is due; ";
