@@ -123,6 +123,7 @@ Request make_request(const Scenario& s, const Files& files) {
 
 struct Baseline {
     std::vector<std::string> expected;  // masked
+    std::string log;                    // the mail log, digits masked
     long counts[FI_CALL_COUNT] = {};
 };
 
@@ -134,6 +135,20 @@ struct Outcome {
     char message[KEMAIL_MESSAGE_SIZE] = {};
     char verdict[1024] = {};  // empty when every check held
 };
+
+// This process's mail log with every run of digits (times, process id)
+// masked as one 0.
+std::string masked_mail_log() {
+    std::string log;
+    const std::string path = "/var/opt/QRZNvolta/log/kesmtp" + std::to_string(getpid()) + ".log";
+    if (access(path.c_str(), F_OK) == 0) log = kemail_test::read_file(path);
+    std::string out;
+    for (const char c : log) {
+        const bool digit = c >= '0' && c <= '9';
+        if (!digit || out.empty() || out.back() != '0') out.push_back(digit ? '0' : c);
+    }
+    return out;
+}
 
 bool all_digits(const char* s) {
     if (*s == '\0') return false;
@@ -203,7 +218,8 @@ std::string join(const std::set<int>& values) {
 std::string judge(int call, int mode, const Request& request, int result, const std::string& target,
                   bool fired, const std::vector<std::string>& accepted, const std::string& last_reply,
                   size_t fds_before, size_t fds_after, const std::vector<std::string>& left,
-                  bool drop_exists, const Baseline& base, const Files& files) {
+                  bool drop_exists, const std::string& log, const Baseline& base,
+                  const Files& files) {
     std::ostringstream bad;
     const char* message = request.message;
     if (std::memchr(message, '\0', KEMAIL_MESSAGE_SIZE) == nullptr) {
@@ -248,6 +264,16 @@ std::string judge(int call, int mode, const Request& request, int result, const 
             break;
         default:
             if (message[0] != '\0') bad << "detail \"" << message << "\" where none is due; ";
+    }
+
+    // Nothing lost, nothing failed: the mail log holds the same lines.
+    if ((mode == FI_EINTR || mode == FI_SHORT || mode == FI_CLOCK_BACK) && log != base.log)
+    {
+        size_t at = 0;
+        while (at < log.size() && at < base.log.size() && log[at] == base.log[at]) ++at;
+        bad << "mail log differs from an undisturbed send's at byte " << at << ": \""
+            << log.substr(at > 20 ? at - 20 : 0, 60) << "\" vs \""
+            << base.log.substr(at > 20 ? at - 20 : 0, 60) << "\"; ";
     }
 
     const bool unlink_failed = fired && call == FI_UNLINK;
@@ -301,10 +327,11 @@ void write_outcome(int fd, const Outcome& o) {
     const size_t fds_after = open_descriptors();
     const std::vector<std::string> left = leftovers();
     const bool drop_exists = access(files.drop.c_str(), F_OK) == 0;
+    const std::string log = masked_mail_log();
     std::memcpy(o.message, request.message, sizeof o.message);
     const std::string verdict = judge(call, mode, request, o.result, o.target, o.fired != 0, accepted,
-                                      last_reply, fds_before, fds_after, left, drop_exists, base,
-                                      files);
+                                      last_reply, fds_before, fds_after, left, drop_exists, log,
+                                      base, files);
     std::snprintf(o.verdict, sizeof o.verdict, "%s", verdict.c_str());
     for (const std::string& path : left) ::unlink(path.c_str());
     write_outcome(out_fd, o);
@@ -388,6 +415,10 @@ Baseline count_calls(const Scenario& s, const Files& files) {
             const long count = injector().count(c);
             out.append(reinterpret_cast<const char*>(&count), sizeof count);
         }
+        const std::string log = masked_mail_log();
+        const size_t log_size = log.size();
+        out.append(reinterpret_cast<const char*>(&log_size), sizeof log_size);
+        out += log;
         for (const std::string& m : server.accepted()) {
             const size_t size = m.size();
             out.append(reinterpret_cast<const char*>(&size), sizeof size);
@@ -425,8 +456,12 @@ Baseline count_calls(const Scenario& s, const Files& files) {
     EXPECT_TRUE(take(&result, sizeof result) && take(base.counts, sizeof base.counts))
         << "the uninjected run ended early (status " << status << ")";
     EXPECT_EQ(result, KEMAIL_OK);
-    std::vector<std::string> messages;
     size_t size = 0;
+    if (take(&size, sizeof size) && in.size() - at >= size) {
+        base.log = in.substr(at, size);
+        at += size;
+    }
+    std::vector<std::string> messages;
     while (take(&size, sizeof size) && in.size() - at >= size) {
         messages.push_back(in.substr(at, size));
         at += size;

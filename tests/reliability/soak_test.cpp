@@ -99,6 +99,15 @@ int expected_result(const Fault& f, int pieces) {
     return KEMAIL_E_SOCKET;  // dropped, or a reply cut short
 }
 
+// A connection dropped at the RSET after the last piece: every piece is in,
+// and QUIT either still leaves (its missing reply is no failure) or meets
+// the reset connection.
+bool also_allowed(const Fault& f, int pieces, int result) {
+    const int quit = 1 + 5 * pieces + 1;
+    return pieces > 1 && (f.kind == Fault::Drop || f.kind == Fault::Cut) &&
+           f.command == quit - 1 && result == KEMAIL_OK;
+}
+
 TEST(Soak, ManySendsAgainstAMisbehavingServer) {
     const long sends = env_number("KEMAIL_SOAK_SENDS", 10000);
     const unsigned seed = static_cast<unsigned>(env_number("KEMAIL_SOAK_SEED", 1));
@@ -142,7 +151,7 @@ TEST(Soak, ManySendsAgainstAMisbehavingServer) {
         const int want = fault.command == 0 && fault.kind == Fault::Refuse
                              ? KEMAIL_E_REFUSED
                              : expected_result(fault, pieces);
-        if (result != want) bad += "result " + std::to_string(result) + ", " + std::to_string(want) + " due; ";
+        if (result != want && !also_allowed(fault, pieces, result)) bad += "result " + std::to_string(result) + ", " + std::to_string(want) + " due; ";
         if (std::memchr(request.message, '\0', sizeof request.message) == nullptr) {
             bad += "message not terminated; ";
         } else if (result == KEMAIL_E_REFUSED) {
