@@ -60,4 +60,9 @@ int DeleteOldFiles_AddList(OldFile** head, const char* path, time_t mtime);
 void DeleteOldFiles_DeleteList(const OldFile* head, uint32_t keep);
 void DeleteOldFiles_FreeList(OldFile* head);
 
+// Writes a mail-log text whole: a short write goes on with the rest, so a
+// line is never cut by one. False when a write fails (the log is not on the
+// mail's path: the caller goes on without it).
+bool MailLog_WriteWhole(int fd, const char* text, size_t length);
+
 }  // namespace kemail

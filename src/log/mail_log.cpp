@@ -63,7 +63,7 @@ void format_date_time(char* out, size_t size) {
                   local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
 }
 
-void write_text(int fd, const char* text) { FileWrite(fd, text, std::strlen(text)); }
+void write_text(int fd, const char* text) { MailLog_WriteWhole(fd, text, std::strlen(text)); }
 
 }  // namespace
 

@@ -34,6 +34,20 @@ void finish_note(char* note, const char* extra) {
     }
 }
 
+}  // namespace
+
+bool MailLog_WriteWhole(int fd, const char* text, size_t length) {
+    while (length > 0) {
+        const long written = FileWrite(fd, text, length);
+        if (written <= 0) return false;
+        text += written;
+        length -= static_cast<size_t>(written);
+    }
+    return true;
+}
+
+namespace {
+
 // Writes one event line: time prefix, kind tag, text and, unless the text
 // already ends with CR LF, a CR LF.
 void write_line(MailLogHandle* handle, int kind, const char* text) {
@@ -44,11 +58,13 @@ void write_line(MailLogHandle* handle, int kind, const char* text) {
     const int prefix_length = std::snprintf(prefix, sizeof prefix, "%02d:%02d:%02d %s ",
                                             local.tm_hour, local.tm_min, local.tm_sec,
                                             kind_tag(kind));
-    if (prefix_length > 0) FileWrite(handle->fd, prefix, static_cast<size_t>(prefix_length));
+    if (prefix_length > 0 &&
+        !MailLog_WriteWhole(handle->fd, prefix, static_cast<size_t>(prefix_length)))
+        return;
     const size_t length = std::strlen(text);
-    FileWrite(handle->fd, text, length);
+    if (!MailLog_WriteWhole(handle->fd, text, length)) return;
     if (length > 1 && text[length - 2] == '\r' && text[length - 1] == '\n') return;
-    FileWrite(handle->fd, "\r\n", 2);
+    MailLog_WriteWhole(handle->fd, "\r\n", 2);
 }
 
 }  // namespace
