@@ -21,6 +21,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -136,6 +137,20 @@ struct Outcome {
     char verdict[1024] = {};  // empty when every check held
 };
 
+// Whether this thread's "acert" trace file of this process holds the end of
+// a successful send. The ring may have wrapped over its beginning, and a
+// record may be split by the wrap, so any of the last three will do.
+bool trace_closed() {
+    const std::string path = kTraceDir + "/acert" + std::to_string(getpid()) + "-" +
+                             std::to_string(static_cast<int>(pthread_self())) + ".trc";
+    if (access(path.c_str(), F_OK) != 0) return false;
+    const std::string trace = kemail_test::read_file(path);
+    for (const char* code : {"EMAILAPIFFFF", "ENDPROCFFFF", "ACERTFFFF"}) {
+        if (trace.find(code) != std::string::npos) return true;
+    }
+    return false;
+}
+
 // This process's mail log with every run of digits (times, process id)
 // masked as one 0.
 std::string masked_mail_log() {
@@ -218,7 +233,7 @@ std::string join(const std::set<int>& values) {
 std::string judge(int call, int mode, const Request& request, int result, const std::string& target,
                   bool fired, const std::vector<std::string>& accepted, const std::string& last_reply,
                   size_t fds_before, size_t fds_after, const std::vector<std::string>& left,
-                  bool drop_exists, const std::string& log, const Baseline& base,
+                  bool drop_exists, const std::string& log, bool traced, const Baseline& base,
                   const Files& files) {
     std::ostringstream bad;
     const char* message = request.message;
@@ -276,6 +291,9 @@ std::string judge(int call, int mode, const Request& request, int result, const 
             << base.log.substr(at > 20 ? at - 20 : 0, 60) << "\"; ";
     }
 
+    if ((mode == FI_EINTR || mode == FI_SHORT || mode == FI_CLOCK_BACK) && !traced)
+        bad << "the trace file lacks the send's records; ";
+
     const bool unlink_failed = fired && call == FI_UNLINK;
     for (const std::string& path : left) {
         if (unlink_failed && path == target) continue;  // it could not be deleted
@@ -328,10 +346,11 @@ void write_outcome(int fd, const Outcome& o) {
     const std::vector<std::string> left = leftovers();
     const bool drop_exists = access(files.drop.c_str(), F_OK) == 0;
     const std::string log = masked_mail_log();
+    const bool traced = trace_closed();
     std::memcpy(o.message, request.message, sizeof o.message);
     const std::string verdict = judge(call, mode, request, o.result, o.target, o.fired != 0, accepted,
                                       last_reply, fds_before, fds_after, left, drop_exists, log,
-                                      base, files);
+                                      traced, base, files);
     std::snprintf(o.verdict, sizeof o.verdict, "%s", verdict.c_str());
     for (const std::string& path : left) ::unlink(path.c_str());
     write_outcome(out_fd, o);
@@ -495,6 +514,9 @@ protected:
     static void SetUpTestSuite() {
         ASSERT_NE(injector().reset, nullptr) << "the fault injector is not preloaded";
         ASSERT_EQ(injector().reset(), 0) << "libkemail.so not found among the loaded objects";
+        // The trace settings are read from a file, as in the field.
+        kemail_test::write_file("/etc/opt/QRZNvolta/trc_conf",
+                                "[ACERT]\nTRACESIZE=5\nTRACELEVEL=1\nTRACENUM=5\n");
         files_ = new Files;
         kemail_test::write_file(files_->keep, pattern_bytes(kWhole.big_attachment, 1));
         whole_ = new Baseline(count_calls(kWhole, *files_));
@@ -521,6 +543,8 @@ Baseline* FailureSweep::split_ = nullptr;
 
 TEST(FailureSweepBaseline, TheComposedMailsAreTheExpectedShape) {
     ASSERT_NE(injector().reset, nullptr);
+    kemail_test::write_file("/etc/opt/QRZNvolta/trc_conf",
+                            "[ACERT]\nTRACESIZE=5\nTRACELEVEL=1\nTRACENUM=5\n");
     Files files;
     kemail_test::write_file(files.keep, pattern_bytes(kSplit.big_attachment, 3));
     const Baseline split = count_calls(kSplit, files);
