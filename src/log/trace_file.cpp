@@ -103,7 +103,9 @@ int Trc_CopyBlocks(int from, int to, uint32_t block_count) {
 }
 
 int Trc_RemoveTemp(int fd, const char* path) {
-    const int closed = ::close(fd);
+    // Linux releases the descriptor even when close reports EINTR: the
+    // temporary is closed, and retrying could close another thread's file.
+    const int closed = ::close(fd) == 0 || errno == EINTR ? 0 : -1;
     const int unlinked = ::unlink(path);
     return (closed != 0 || unlinked != 0) ? -1 : 0;
 }
