@@ -151,6 +151,17 @@ bool trace_closed() {
     return false;
 }
 
+// Work files of an earlier process that had this process's id: the send
+// deletes any file of its work files' names before it makes its own, and
+// must never send what such a file held.
+void plant_stale_work_files() {
+    const std::string suffix =
+        std::to_string(getpid()) + "-" + std::to_string(static_cast<int>(pthread_self()));
+    const std::string junk(64 * 1024, 'Z');
+    kemail_test::write_file(kWorkDir + "/EMT" + suffix, junk);
+    kemail_test::write_file(kWorkDir + "/EST" + suffix, junk);
+}
+
 // This process's mail log with every run of digits (times, process id)
 // masked as one 0.
 std::string masked_mail_log() {
@@ -326,6 +337,7 @@ void write_outcome(int fd, const Outcome& o) {
     Outcome o;
     kemail_test::write_file(files.drop, files.drop_bytes);
     clear_log_directories();
+    plant_stale_work_files();
     Request request = make_request(s, files);
     std::memset(request.message, 'x', sizeof request.message);  // no NUL until written
     const size_t fds_before = open_descriptors();
@@ -424,6 +436,7 @@ Baseline count_calls(const Scenario& s, const Files& files) {
         alarm(60);
         kemail_test::write_file(files.drop, files.drop_bytes);
         clear_log_directories();
+        plant_stale_work_files();
         Request request = make_request(s, files);
         MailServer server;
         injector().reset();
