@@ -26,6 +26,10 @@ int make_work_file_name(char (&out)[kWorkPathSize], const char* dir, const char*
     return 0;
 }
 
+bool empty_work_file(int fd) {
+    return retry_on_eintr([&] { return ::ftruncate(fd, 0); }) == 0;
+}
+
 void WorkFile::close() {
     if (fd_ >= 0) FileClose(fd_);
     fd_ = -1;
@@ -83,6 +87,13 @@ int stage_text(WorkFile& file, const char* temp_dir, const char* text, unsigned*
         return -3;
     }
     file.set_fd(fd);
+    if (!empty_work_file(fd)) {
+        *file_err = static_cast<unsigned>(GetErrorCode());
+        trace_word(g_trace, 0, "MEMDATA0020", static_cast<uint32_t>(fd));
+        trace_word(g_trace, 0, "MEMDATA0021", *file_err);
+        file.remove();
+        return -3;
+    }
 
     if (text != nullptr) {
         const char* line = text;
