@@ -32,7 +32,11 @@ using ByteReader = kemail::ByteReader<4096>;
 // Looks for a Shift_JIS lead byte. 1: found; 0: none; -1: read error.
 int scan_for_lead_byte(int body, unsigned int* pulErr) {
     char block[kScanBlockSize + 1];
-    lseek(body, 0, SEEK_SET);
+    if (lseek(body, 0, SEEK_SET) < 0) {
+        *pulErr = static_cast<unsigned int>(errno);
+        trace_word(g_trace, 0, "smtp0650", *pulErr);
+        return -1;
+    }
     for (;;) {
         const ssize_t n = retry_on_eintr([&] { return ::read(body, block, kScanBlockSize); });
         if (n < 0) {
@@ -123,7 +127,13 @@ int write_text_part(int fd, const char* body_path, unsigned int* pulErr) {
     if (!write_traced(fd, s_szSendBuf, n, "smtp0655", pulErr)) return -33;
     if (!write_traced(fd, "\r\n", 2, "smtp0660", pulErr)) return -33;
 
-    lseek(body.get(), 0, SEEK_SET);
+    // Back to the start after the scan: a rewind that fails would leave the
+    // text part empty.
+    if (lseek(body.get(), 0, SEEK_SET) < 0) {
+        *pulErr = static_cast<unsigned int>(errno);
+        trace_word(g_trace, 0, "smtp0660", *pulErr);
+        return -32;
+    }
     {
         // Scoped: the reader is done before the body file is closed.
         ByteReader reader(body.get());
@@ -161,7 +171,11 @@ extern "C" KEMAIL_API int SMTP_makeTopData(int lFile, const char* pszBodyPath, c
     if (pulErr == nullptr) pulErr = &local_err;
     *pulErr = 0;
     trace(g_trace, 1, "smtp0600");
-    lseek(lFile, 0, SEEK_SET);
+    // The header goes at the start of the message file.
+    if (lseek(lFile, 0, SEEK_SET) < 0) {
+        *pulErr = static_cast<unsigned int>(errno);
+        return -33;
+    }
 
     HeaderSink sink(HeaderSink::Kind::File, lFile, pulErr);
     // Holds each recipient element, then the encoded subject.

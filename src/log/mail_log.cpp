@@ -3,6 +3,7 @@
 // generations when it is opened, never during a session.
 #include "log/log.h"
 #include "util/format.h"
+#include "util/util.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -65,7 +66,7 @@ void format_date_time(char* out, size_t size) {
                 local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
 }
 
-void write_text(int fd, const char* text) { FileWrite(fd, text, std::strlen(text)); }
+void write_text(int fd, const char* text) { write_all(fd, text, std::strlen(text), nullptr); }
 
 }  // namespace
 

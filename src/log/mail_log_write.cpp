@@ -4,6 +4,7 @@
 // never stops a send.
 #include "log/log.h"
 #include "util/format.h"
+#include "util/util.h"
 
 #include <cstdio>
 #include <cstring>
@@ -45,11 +46,15 @@ void write_line(MailLogHandle* handle, int kind, const char* text) {
     char prefix[64];
     const int prefix_length = format_into(prefix, sizeof prefix, Overflow::Cut, "%02d:%02d:%02d %s ",
                                           local.tm_hour, local.tm_min, local.tm_sec, kind_tag(kind));
-    if (prefix_length > 0) FileWrite(handle->fd, prefix, static_cast<size_t>(prefix_length));
+    // Each part is written whole (a short write goes on with the rest); a
+    // failed write ends the line: the log is not on the mail's path.
+    if (prefix_length > 0 &&
+        !write_all(handle->fd, prefix, static_cast<size_t>(prefix_length), nullptr))
+        return;
     const size_t length = std::strlen(text);
-    FileWrite(handle->fd, text, length);
+    if (!write_all(handle->fd, text, length, nullptr)) return;
     if (length > 1 && text[length - 2] == '\r' && text[length - 1] == '\n') return;
-    FileWrite(handle->fd, "\r\n", 2);
+    write_all(handle->fd, "\r\n", 2, nullptr);
 }
 
 }  // namespace

@@ -93,14 +93,21 @@ int Trc_CopyBlocks(int from, int to, uint32_t block_count) {
             if (got < 0) return -1;
             if (got == 0) at_end = true;
         }
-        const ssize_t put = retry_on_eintr([&] { return ::write(to, block, sizeof block); });
-        if (put != static_cast<ssize_t>(sizeof block)) return -1;
+        // A short write goes on with the rest of the block.
+        for (size_t done = 0; done < sizeof block;) {
+            const ssize_t put = retry_on_eintr(
+                [&] { return ::write(to, block + done, sizeof block - done); });
+            if (put <= 0) return -1;
+            done += static_cast<size_t>(put);
+        }
     }
     return 0;
 }
 
 int Trc_RemoveTemp(int fd, const char* path) {
-    const int closed = ::close(fd);
+    // Linux releases the descriptor even when close reports EINTR: the
+    // temporary is closed, and retrying could close another thread's file.
+    const int closed = ::close(fd) == 0 || errno == EINTR ? 0 : -1;
     const int unlinked = ::unlink(path);
     return (closed != 0 || unlinked != 0) ? -1 : 0;
 }

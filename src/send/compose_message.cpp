@@ -6,6 +6,7 @@
 #include "log/trace_record.h"
 #include "util/unique_fd.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -78,7 +79,13 @@ int compose_message(const SendPlan& plan, WorkFile& staged_text, int has_attachm
         put_number(plan.message, 0);
         return KEMAIL_E_WORK_FILE;
     }
-    const int fd = FileOpen(file.c_path());
+    int fd = FileOpen(file.c_path());
+    if (fd >= 0 && !empty_work_file(fd)) {
+        const int error = GetErrorCode();
+        FileClose(fd);  // the file itself goes with the message file's clean-up
+        errno = error;
+        fd = -1;
+    }
     if (fd < 0) {
         const int error = GetErrorCode();
         trace_word(g_trace, 0, "EMAILAPI0090", static_cast<uint32_t>(fd));
@@ -124,7 +131,10 @@ int compose_message(const SendPlan& plan, WorkFile& staged_text, int has_attachm
         }
     }
     trace(g_trace, 0, "EMAILAPI00b7");
-    FileSeek(fd, 0, SEEK_SET);
+    // Sending and the counting pass read the message from its start.
+    if (FileSeek(fd, 0, SEEK_SET) < 0)
+        return composition_failed(composed, plan.message, -32,
+                                  static_cast<unsigned>(GetErrorCode()));
 
     if (plan.split == 1) return count_pieces(plan, composed);
     return 0;

@@ -61,6 +61,12 @@ Language detect_language();
 // (MKTMP). 0, or -1 when the name would be 1025 characters or longer.
 int make_work_file_name(char (&out)[kWorkPathSize], const char* dir, const char* prefix);
 
+// Empties a work file just opened. The name was deleted first, but a file
+// that could not be deleted (an earlier process's with the same id) is
+// opened as it is, and none of its bytes may reach a mail. False, with
+// errno set, when it cannot be emptied.
+bool empty_work_file(int fd);
+
 // A work file of this call: closed and deleted when it goes out of scope, so
 // no exit path leaves one behind.
 class WorkFile {

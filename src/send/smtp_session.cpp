@@ -140,7 +140,12 @@ int send_pieces(Session& s) {
         return KEMAIL_E_NO_MEMORY;
     }
     const int fd = composed.message_file.fd();
-    FileSeek(fd, 0, SEEK_SET);
+    // The counting pass left the file at its end: without the rewind the
+    // pieces would be empty.
+    if (FileSeek(fd, 0, SEEK_SET) < 0) {
+        s.status = static_cast<unsigned>(GetErrorCode());
+        return step_failed(s, -32, kNumberOnWorkFile, nullptr);
+    }
     for (int piece = 1; piece <= composed.piece_count; ++piece) {
         int rc = SMTP_MAIL(s.socket.get(), plan.from, plan.to, &s.status);
         if (rc < 0) return mail_failed(s, rc, kMailFailed);

@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 namespace kemail {
@@ -23,6 +24,10 @@ int make_work_file_name(char (&out)[kWorkPathSize], const char* dir, const char*
     FileDelete(out);
     trace(g_trace, 1, "MKTMPFFFF");
     return 0;
+}
+
+bool empty_work_file(int fd) {
+    return retry_on_eintr([&] { return ::ftruncate(fd, 0); }) == 0;
 }
 
 void WorkFile::close() {
@@ -65,6 +70,13 @@ int stage_text(WorkFile& file, const char* temp_dir, const char* text, unsigned*
         return -3;
     }
     file.set_fd(fd);
+    if (!empty_work_file(fd)) {
+        *file_err = static_cast<unsigned>(GetErrorCode());
+        trace_word(g_trace, 0, "MEMDATA0020", static_cast<uint32_t>(fd));
+        trace_word(g_trace, 0, "MEMDATA0021", *file_err);
+        file.remove();
+        return -3;
+    }
 
     if (text != nullptr) {
         const char* line = text;

@@ -70,6 +70,11 @@ int append_lines(int fd, char* dest, size_t room, int count, const char before[2
         two_back = one_back;
         one_back = byte;
     }
+    if (reader.give_back() != 0) {
+        *pulErr = static_cast<unsigned int>(errno);
+        trace_word(g_trace, 0, "smtp1210", *pulErr);
+        return kFileError;
+    }
     return static_cast<int>(appended);
 }
 
@@ -130,6 +135,11 @@ KEMAIL_API int SMTP_getSendData(int lFile, char* pBuf, int lSizeKb, const char* 
                 return static_cast<int>(count);
             }
             ++count;
+        }
+        if (reader.give_back() != 0) {
+            *pulErr = static_cast<unsigned int>(errno);
+            trace_word(g_trace, 0, "smtp1020", *pulErr);
+            return kFileError;
         }
     }
 

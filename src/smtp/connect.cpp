@@ -9,6 +9,7 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -47,6 +48,24 @@ uint16_t smtp_service_port() {
     }
     trace(g_trace, 2, "smtp1011L");
     return htons(kDefaultSmtpPort);
+}
+
+// connect(), completing an interrupted attempt instead of failing it: the
+// kernel goes on connecting after EINTR (a second connect would only answer
+// EALREADY), so wait for the outcome and fetch it. 0, or -1 with errno.
+int connect_completed(int sock, const struct sockaddr_in& peer) {
+    if (connect(sock, reinterpret_cast<const struct sockaddr*>(&peer), sizeof peer) == 0) return 0;
+    if (errno != EINTR) return -1;
+    struct pollfd p = {sock, POLLOUT, 0};
+    while (poll(&p, 1, -1) < 0) {
+        if (errno != EINTR) return -1;
+    }
+    int error = 0;
+    socklen_t length = sizeof error;
+    if (getsockopt(sock, SOL_SOCKET, SO_ERROR, &error, &length) != 0) return -1;
+    if (error == 0) return 0;
+    errno = error;
+    return -1;
 }
 
 }  // namespace
@@ -133,7 +152,7 @@ KEMAIL_API int SMTP_connect(const char* pszName, unsigned int ulPort, unsigned i
             trace_word(g_trace, 0, "smtp0020", static_cast<uint32_t>(error));
             return kSocketFailed;
         }
-        connect_result = connect(sock, reinterpret_cast<struct sockaddr*>(&peer), sizeof peer);
+        connect_result = connect_completed(sock, peer);
         connect_error = errno;
         if (connect_result == 0) {
             // Every command goes out in one send and waits for its reply, so

@@ -140,7 +140,11 @@ KEMAIL_API int SMTP_sendData(int lSock, int lFile, unsigned int* pulErr) {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     trace(g_trace, 1, "smtp0500");
-    lseek(lFile, 0, SEEK_SET);
+    if (lseek(lFile, 0, SEEK_SET) < 0) {
+        *pulErr = static_cast<unsigned int>(errno);
+        trace_word(g_trace, 0, "smtp0505", *pulErr);
+        return kFileError;
+    }
     SMTP_SetTimeOut(g_stMailTimeout.ulDataBlock);
     const kemail::smtp::CorkedStream corked(lSock);
     for (;;) {
