@@ -1,5 +1,7 @@
 #include "support/script_server.h"
 
+#include "support/fake_clock.h"
+
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -329,9 +331,15 @@ void ScriptServer::play(const Script& script) {
             pending_.clear();
             break;
         }
-        case Script::Op::Sleep:
-            if (!sleep_interruptible(step.ms)) return;
+        case Script::Op::Sleep: {
+            // Everything sent so far is written: a client waiting on the test
+            // clock may now time out without waiting for real.
+            fake_clock_silence(+1);
+            const bool slept = sleep_interruptible(step.ms);
+            fake_clock_silence(-1);
+            if (!slept) return;
             break;
+        }
         case Script::Op::Close:
             close_conn(false);
             break;
