@@ -151,17 +151,27 @@ bool read_dialogue(const std::string& path, Dialogue* out, std::string* error) {
                 if (!d.steps.empty() && d.steps.back().kind == ServerStep::Kind::Send)
                     d.steps.back().bytes += text;
                 else
-                    d.steps.push_back({ServerStep::Kind::Send, text, 0});
+                    d.steps.push_back({ServerStep::Kind::Send, text, 0, ""});
             } else if (line[0] == 'C') {
-                d.steps.push_back({ServerStep::Kind::ReadLine, text, 0});
+                d.steps.push_back({ServerStep::Kind::ReadLine, text, 0, ""});
             } else {
                 // Data lines up to the one holding a single dot form one read.
                 if (d.steps.empty() || d.steps.back().kind != ServerStep::Kind::ReadData ||
                     d.steps.back().ms != 0)
-                    d.steps.push_back({ServerStep::Kind::ReadData, "", 0});
+                    d.steps.push_back({ServerStep::Kind::ReadData, "", 0, ""});
                 d.steps.back().bytes += text;
                 if (text == ".\r\n") d.steps.back().ms = 1;  // closed
             }
+            continue;
+        }
+        // "D< FILE": the whole message data is the file under golden/.
+        if (line.rfind("D< ", 0) == 0) {
+            in_request = false;
+            const std::string golden = path.substr(0, path.rfind('/') + 1) + "golden/" + line.substr(3);
+            std::ifstream data(golden, std::ios::binary);
+            std::ostringstream bytes;
+            if (data) bytes << data.rdbuf();  // a missing file reads as empty
+            d.steps.push_back({ServerStep::Kind::ReadData, bytes.str(), 1, line.substr(3)});
             continue;
         }
         auto [word, rest] = split_word(line);
@@ -185,7 +195,7 @@ bool read_dialogue(const std::string& path, Dialogue* out, std::string* error) {
             else d.request.text = unescape(rest);
         } else if (in_request && word == "attach") {
             if (args.empty() || args.size() > 2) return fail("attach NAME [KIND]");
-            long kind = 2;
+            long kind = 3;  // an attachment the library leaves in place
             if (args.size() == 2 && !to_int(args[1], &kind)) return fail("bad attachment kind");
             d.request.attachments.push_back({static_cast<unsigned>(kind), args[0]});
         } else if (in_request && word == "split") {
@@ -212,14 +222,14 @@ bool read_dialogue(const std::string& path, Dialogue* out, std::string* error) {
             long ms = 0;
             if ((what == "sleep" || what == "bound") && (args.size() != 2 || !to_int(args[1], &ms)))
                 return fail("server " + what + " MS");
-            if (what == "sleep") d.steps.push_back({ServerStep::Kind::Sleep, "", static_cast<int>(ms)});
-            else if (what == "bound") d.steps.push_back({ServerStep::Kind::Bound, "", static_cast<int>(ms)});
-            else if (what == "close") d.steps.push_back({ServerStep::Kind::Close, "", 0});
-            else if (what == "reset") d.steps.push_back({ServerStep::Kind::Reset, "", 0});
-            else if (what == "accept") d.steps.push_back({ServerStep::Kind::Accept, "", 0});
+            if (what == "sleep") d.steps.push_back({ServerStep::Kind::Sleep, "", static_cast<int>(ms), ""});
+            else if (what == "bound") d.steps.push_back({ServerStep::Kind::Bound, "", static_cast<int>(ms), ""});
+            else if (what == "close") d.steps.push_back({ServerStep::Kind::Close, "", 0, ""});
+            else if (what == "reset") d.steps.push_back({ServerStep::Kind::Reset, "", 0, ""});
+            else if (what == "accept") d.steps.push_back({ServerStep::Kind::Accept, "", 0, ""});
             else if (what == "drain") {
                 // What the client sends until it closes: nothing, unless given.
-                d.steps.push_back({ServerStep::Kind::Drain, args.size() > 1 ? args[1] : "", 0});
+                d.steps.push_back({ServerStep::Kind::Drain, args.size() > 1 ? args[1] : "", 0, ""});
             } else {
                 return fail("unknown server action " + what);
             }
@@ -243,16 +253,23 @@ bool read_dialogue(const std::string& path, Dialogue* out, std::string* error) {
             }
         } else if (word == "setting") {
             d.setting = unescape(rest);
+        } else if (word == "trace-conf") {
+            d.trace_conf = unescape(rest);
         } else if (word == "trace") {
             if (args.empty()) return fail("trace CODE...");
             d.traces.push_back({TraceCheck::Kind::InOrder, args, "", 0});
         } else if (word == "trace-data") {
             auto [code, data] = split_word(rest);
             d.traces.push_back({TraceCheck::Kind::Data, {code}, unescape(data), 0});
-        } else if (word == "trace-level" || word == "trace-count") {
+        } else if (word == "trace-level" || word == "trace-count" || word == "trace-word") {
             if (args.size() != 2 || !to_int(args[1], &n)) return fail(word + " CODE N");
-            d.traces.push_back({word == "trace-level" ? TraceCheck::Kind::Level : TraceCheck::Kind::Count,
-                                {args[0]}, "", static_cast<int>(n)});
+            const TraceCheck::Kind kind = word == "trace-level"   ? TraceCheck::Kind::Level
+                                          : word == "trace-count" ? TraceCheck::Kind::Count
+                                                                  : TraceCheck::Kind::Word;
+            d.traces.push_back({kind, {args[0]}, "", static_cast<int>(n)});
+        } else if (word == "connections") {
+            if (args.size() != 1 || !to_int(args[0], &n)) return fail("connections N");
+            d.connections = static_cast<int>(n);
         } else if (word == "log") {
             d.log_lines.push_back(unescape(rest));
         } else if (word == "log-lacks") {

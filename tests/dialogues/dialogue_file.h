@@ -14,6 +14,7 @@ struct ServerStep {
     Kind kind;
     std::string bytes;  // Send: what to send; ReadLine/ReadData/Drain: what the client must send
     int ms = 0;         // Sleep, Bound
+    std::string golden; // ReadData from a file under golden/: its name
 };
 
 // One call of the library and what it must give.
@@ -41,7 +42,7 @@ struct Request {
 };
 
 struct TraceCheck {
-    enum class Kind { InOrder, Data, Level, Count };
+    enum class Kind { InOrder, Data, Level, Count, Word };
     Kind kind;
     std::vector<std::string> codes;  // InOrder: all; others: one
     std::string data;
@@ -57,7 +58,8 @@ struct Dialogue {
     std::string title;  // the first comment line
     std::vector<unsigned> timeouts = {5, 5, 5, 5, 5, 5};
     std::vector<TempFile> files;
-    std::optional<std::string> setting;  // kemail.ini for the call
+    std::optional<std::string> setting;     // kemail.ini for the call
+    std::optional<std::string> trace_conf;  // trc_conf for the call
     std::vector<ServerStep> steps;
     std::vector<Call> calls;
     Request request;
@@ -67,6 +69,7 @@ struct Dialogue {
     std::string golden_log;                 // file names under golden/, or empty
     std::string golden_trace;
     bool fake_clock = false;
+    std::optional<int> connections;  // connections the server accepted
 };
 
 // Reads a dialogue file; on a malformed line returns false with the line

@@ -24,6 +24,7 @@
 #include <filesystem>
 #include <memory>
 #include <regex>
+#include <sstream>
 
 namespace dialogue {
 namespace {
@@ -133,15 +134,85 @@ bool call_smtp(const Call& call, int sock, unsigned* err, int* result, std::uniq
     return true;
 }
 
-// Masks what changes from run to run in a mail log: the time of each line.
+// Every occurrence of what by with.
+std::string replace_all(std::string text, const std::string& what, const std::string& with) {
+    if (what.empty()) return text;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + with.size()))
+        text.replace(at, what.size(), with);
+    return text;
+}
+
+// Masks what changes from run to run in a mail log: the date and time of its
+// lines, the process id and the host name.
 std::string mask_log(const std::string& log) {
-    static const std::regex kTime("(^|\n)[0-9][0-9]:[0-9][0-9]:[0-9][0-9] ");
-    return std::regex_replace(log, kTime, "$1<time> ");
+    static const std::regex kStamp("(^|\n)[0-9]{4}/[0-9]{2}/[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} ");
+    static const std::regex kTime("(^|\n)[0-9]{2}:[0-9]{2}:[0-9]{2} ");
+    std::string masked = std::regex_replace(log, kStamp, "$1<date> <time> ");
+    masked = std::regex_replace(masked, kTime, "$1<time> ");
+    masked = replace_all(masked, "[" + std::to_string(getpid()) + "]", "[<pid>]");
+    for (const char* command : {"EHLO ", "HELO "})
+        masked = replace_all(masked, command + send_test::host_name() + "\r\n", command + std::string("<host>\r\n"));
+    return masked;
+}
+
+// Masks the bytes of a message, a command or a trace record that change from
+// run to run: the date, the ids and the boundary, and the host name.
+std::string mask_bytes(const std::string& bytes) {
+    std::string masked = send_test::mask_variable(bytes);
+    for (const char* command : {"EHLO ", "HELO "})
+        masked = replace_all(masked, command + send_test::host_name() + "\r\n", command + std::string("<host>\r\n"));
+    return masked;
+}
+
+int hex_digit(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    return -1;
+}
+
+// One line of kemail-trace's output with its record data masked: a record
+// whose data holds something that changes from run to run is shown as
+// "CODE (masked) DATA" with the masked data escaped; the other lines stay as
+// printed. With whole_message false (a split mail), the body of each piece
+// (the record after the blank line between smtp1400 and smtp14FF) is masked
+// whole: where a piece is cut depends on the length of the header.
+std::string mask_trace_line(const std::string& line, bool whole_message, int* piece_state) {
+    // "<time> CODE" or "<time> CODE HH HH ...  |PRINTABLE|"
+    const size_t code_at = line.find(' ');
+    if (code_at == std::string::npos) return line;
+    const size_t code_end = line.find(' ', code_at + 1);
+    const std::string code = line.substr(code_at + 1, code_end == std::string::npos ? std::string::npos : code_end - code_at - 1);
+    // 0: outside a piece, 1: in its header, 2: its body comes next.
+    if (code == "smtp1400") *piece_state = 1;
+    if (code == "smtp14FF") *piece_state = 0;
+    if (code_end == std::string::npos) return line;
+    const size_t printable = line.find("  |", code_end);
+    if (printable == std::string::npos) return line;
+    std::string bytes;
+    for (size_t at = code_end + 1; at + 1 < printable; at += 3) {
+        const int high = hex_digit(line[at]);
+        const int low = hex_digit(line[at + 1]);
+        if (high < 0 || low < 0) return line;  // not a record line
+        bytes += static_cast<char>(high * 16 + low);
+    }
+    const std::string head = line.substr(0, code_end);
+    // The descriptor the library connected with depends on what else is open.
+    if (code == "smtp0050") return head + " (masked) <descriptor>";
+    // The id of a split mail's pieces, made of the time and the host.
+    if (code == "smtp15FF") return head + " (masked) <partial-id>";
+    if (code == "smtp0e00" && !whole_message && *piece_state == 2) {
+        *piece_state = 0;
+        return head + " (masked) <piece body>";
+    }
+    if (code == "smtp0e00" && *piece_state == 1 && bytes == "\r\n") *piece_state = 2;
+    const std::string masked = mask_bytes(bytes);
+    if (masked == bytes) return line;
+    return head + " (masked) " + escape(masked);
 }
 
 // The trace file as kemail-trace prints it, with the time of each record and
-// the host name, process and thread id in record data masked.
-std::string printed_trace(const std::string& path) {
+// what changes from run to run in record data masked.
+std::string printed_trace(const std::string& path, bool whole_message) {
     std::string output;
     const std::string command = std::string(KEMAIL_TRACE_TOOL) + " '" + path + "'";
     std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), ::pclose);
@@ -150,7 +221,12 @@ std::string printed_trace(const std::string& path) {
     size_t n;
     while ((n = std::fread(buf, 1, sizeof buf, pipe.get())) > 0) output.append(buf, n);
     static const std::regex kStamp("(^|\n)[0-9]{4}/[0-9]{2}/[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} ");
-    return std::regex_replace(output, kStamp, "$1<time> ");
+    output = std::regex_replace(output, kStamp, "$1<time> ");
+    std::string masked;
+    int piece_state = 0;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) masked += mask_trace_line(line, whole_message, &piece_state) + "\n";
+    return masked;
 }
 
 void compare_golden(const std::string& name, const std::string& actual) {
@@ -165,8 +241,14 @@ void compare_golden(const std::string& name, const std::string& actual) {
 
 class Dialogues : public ::testing::TestWithParam<std::string> {
 protected:
+    // The zone shows in the trace (the time difference): one for every machine.
+    static void SetUpTestSuite() {
+        ::setenv("TZ", "UTC0", 1);
+        ::tzset();
+    }
     void TearDown() override {
         std::remove((kemail_test::etc_dir() + "/kemail.ini").c_str());
+        std::remove((kemail_test::etc_dir() + "/trc_conf").c_str());
         MailLogClose(g_pLogHandle);
         g_pLogHandle = nullptr;
     }
@@ -181,6 +263,7 @@ TEST_P(Dialogues, Play) {
     kemail_test::TempDir dir;
     for (const TempFile& file : d.files) kemail_test::write_file(dir.file(file.name), file.bytes);
     if (d.setting) kemail_test::write_file(kemail_test::etc_dir() + "/kemail.ini", *d.setting);
+    if (d.trace_conf) kemail_test::write_file(kemail_test::etc_dir() + "/trc_conf", *d.trace_conf);
     const std::string pid = std::to_string(getpid());
     const std::string log_path = kemail_test::var_dir() + "/log/kesmtp" + pid + ".log";
     const std::string trace_path = kemail_test::var_dir() + "/tmp2/acert" + pid + "-" +
@@ -250,6 +333,7 @@ TEST_P(Dialogues, Play) {
         }
     }
     const std::vector<TraceEvent> events = tapped();
+    server.end_silence();
     if (sock >= 0) ::close(sock);
     if (!sends && g_pLogHandle) {
         MailLogClose(g_pLogHandle);
@@ -260,27 +344,42 @@ TEST_P(Dialogues, Play) {
     // What the client sent, step by step.
     ASSERT_TRUE(server.wait_done());
     EXPECT_FALSE(server.failed()) << server.error();
-    std::vector<std::string> expected;
-    std::vector<bool> is_data;
+    std::vector<const ServerStep*> reads;
     for (const ServerStep& step : d.steps) {
         if (step.kind == ServerStep::Kind::ReadLine || step.kind == ServerStep::Kind::ReadData ||
-            step.kind == ServerStep::Kind::Drain) {
-            expected.push_back(escape(with_host(step.bytes)));
-            is_data.push_back(step.kind == ServerStep::Kind::ReadData);
-        }
+            step.kind == ServerStep::Kind::Drain)
+            reads.push_back(&step);
     }
     std::vector<std::string> records = server.records();
+    std::vector<std::string> expected;
     std::string all;
     for (size_t i = 0; i < records.size(); ++i) {
         all += records[i];
-        if (i < is_data.size() && is_data[i]) {
-            // The message ends "\r\n.\r\n": its last line is the dot.
-            std::string data = send_test::mask_variable(records[i]);
-            records[i] = data;
+        const ServerStep* step = i < reads.size() ? reads[i] : nullptr;
+        // Message data is compared with its date, ids and boundary masked.
+        if (step && step->kind == ServerStep::Kind::ReadData) {
+            records[i] = send_test::mask_variable(records[i]);
+            if (!step->golden.empty()) {
+                compare_golden(step->golden, records[i]);
+                records[i] = "(golden/" + step->golden + ")";
+            }
+            // "D: <rest>" stands for whatever follows, up to the end mark.
+            const size_t rest = step->bytes.find("<rest>\r\n");
+            if (rest != std::string::npos) {
+                const std::string head = with_host(step->bytes.substr(0, rest));
+                if (records[i].compare(0, head.size(), head) == 0 && records[i].size() >= head.size() + 5 &&
+                    records[i].compare(records[i].size() - 5, 5, "\r\n.\r\n") == 0)
+                    records[i] = step->bytes;
+            }
         }
         records[i] = escape(records[i]);
     }
+    for (const ServerStep* step : reads)
+        expected.push_back(step->golden.empty() ? escape(with_host(step->bytes)) : "(golden/" + step->golden + ")");
     EXPECT_EQ(records, expected);
+    if (d.connections) {
+        EXPECT_EQ(server.connections(), *d.connections);
+    }
     EXPECT_EQ(escape(server.received()), escape(all)) << "the library sent bytes no step expected";
 
     // The trace records of this thread.
@@ -305,6 +404,14 @@ TEST_P(Dialogues, Play) {
             ASSERT_NE(first, events.end()) << check.codes[0] << " not traced";
             EXPECT_EQ(static_cast<int>(first->level), check.number) << check.codes[0];
             break;
+        case TraceCheck::Kind::Word: {
+            ASSERT_NE(first, events.end()) << check.codes[0] << " not traced";
+            uint32_t word = 0;
+            ASSERT_EQ(first->data.size(), sizeof word) << check.codes[0] << " carries no word";
+            std::memcpy(&word, first->data.data(), sizeof word);
+            EXPECT_EQ(word, static_cast<uint32_t>(check.number)) << check.codes[0];
+            break;
+        }
         case TraceCheck::Kind::Count:
             EXPECT_EQ(std::count_if(events.begin(), events.end(),
                                     [&](const TraceEvent& e) { return e.code == check.codes[0]; }),
@@ -326,7 +433,7 @@ TEST_P(Dialogues, Play) {
         }
         if (!d.golden_log.empty()) compare_golden(d.golden_log, mask_log(log));
     }
-    if (!d.golden_trace.empty()) compare_golden(d.golden_trace, printed_trace(trace_path));
+    if (!d.golden_trace.empty()) compare_golden(d.golden_trace, printed_trace(trace_path, d.request.split == 0));
     ::unlink(log_path.c_str());
     ::unlink(trace_path.c_str());
 }
