@@ -131,8 +131,17 @@ EXPORT void kemail_fake_clock_silence(int delta) { atomic_fetch_add(&g_silent_pe
 /* ------------------------------------------------------------ clocks */
 
 EXPORT time_t time(time_t* out) {
-    time_t now = NEXT(time_fn, time)(NULL);
-    if (t_active && now != (time_t)-1) now += (time_t)(atomic_load(&g_offset_ns) / 1000000000LL);
+    time_t now;
+    if (t_active) {
+        /* From the same clock as gettimeofday(), so the two never disagree
+         * about the second. */
+        struct timespec real;
+        if (NEXT(clock_gettime_fn, clock_gettime)(CLOCK_REALTIME, &real) != 0) return (time_t)-1;
+        now = (time_t)(((long long)real.tv_sec * 1000000000LL + real.tv_nsec + atomic_load(&g_offset_ns)) /
+                       1000000000LL);
+    } else {
+        now = NEXT(time_fn, time)(NULL);
+    }
     if (out != NULL) *out = now;
     return now;
 }
@@ -214,6 +223,7 @@ EXPORT int select(int n, fd_set* r, fd_set* w, fd_set* e, struct timeval* tv) {
     if (!t_active || tv == NULL || tv->tv_sec < 0 || tv->tv_usec < 0 || tv->tv_usec > 2147483647L)
         return NEXT(select_fn, select)(n, r, w, e, tv);
     const long long want_ns = (long long)tv->tv_sec * 1000000000LL + (long long)tv->tv_usec * 1000LL;
+    if (want_ns == 0) return NEXT(select_fn, select)(n, r, w, e, tv);  /* a poll */
     if (!any_set(n, r) && !any_set(n, w) && !any_set(n, e)) {
         advance_ns(want_ns);
         tv->tv_sec = 0;
