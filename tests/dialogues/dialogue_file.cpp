@@ -160,7 +160,7 @@ bool read_dialogue(const std::string& path, Dialogue* out, std::string* error) {
                     d.steps.back().ms != 0)
                     d.steps.push_back({ServerStep::Kind::ReadData, "", 0, ""});
                 d.steps.back().bytes += text;
-                if (text == ".\r\n") d.steps.back().ms = 1;  // closed
+                if (text == ".\r\n") d.steps.back().ms = 1;  // the block is complete
             }
             continue;
         }

@@ -13,7 +13,7 @@ struct ServerStep {
     enum class Kind { Send, ReadLine, ReadData, Drain, Sleep, Bound, Close, Reset, Accept };
     Kind kind;
     std::string bytes;  // Send: what to send; ReadLine/ReadData/Drain: what the client must send
-    int ms = 0;         // Sleep, Bound
+    int ms = 0;         // Sleep, Bound: milliseconds; ReadData: 1 once its end mark is in
     std::string golden; // ReadData from a file under golden/: its name
 };
 
