@@ -1,8 +1,9 @@
 #!/bin/bash
 # The project's test command: installs what is missing, builds with warnings
-# as errors and runs every test (real-peer ones included), then builds again
-# with AddressSanitizer and UndefinedBehaviorSanitizer and runs the unit tests
-# once more. Exits non-zero when anything failed.
+# as errors and runs every test (labels unit, slow and peers: the slow one
+# waits a real minute for a time-out, the peers ones use real mail servers),
+# then builds again with AddressSanitizer and UndefinedBehaviorSanitizer and
+# runs the unit tests once more. Exits non-zero when anything failed.
 # Build directories: $KEMAIL_BUILD_DIR (build) and $KEMAIL_ASAN_BUILD_DIR
 # (build-asan), relative to the repository root.
 set -uo pipefail
@@ -60,7 +61,7 @@ echo "all packages present"
 
 step "build ($build_dir, -Wall -Wextra -Werror)"
 if build "$build_dir" -DKEMAIL_SANITIZE=OFF -DKEMAIL_BENCH=ON; then
-  step "tests ($build_dir: every test, real peers included)"
+  step "tests ($build_dir: every test, the slow and real-peer ones included)"
   run_tests "$build_dir" || status=1
 else
   summary+=("$build_dir: build failed")
@@ -69,7 +70,7 @@ fi
 
 step "build ($asan_dir, AddressSanitizer + UndefinedBehaviorSanitizer)"
 if build "$asan_dir" -DKEMAIL_SANITIZE=ON -DKEMAIL_BENCH=OFF; then
-  step "tests ($asan_dir: every test but the real-peer ones)"
+  step "tests ($asan_dir: the unit tests)"
   run_tests "$asan_dir" -L unit || status=1
 else
   summary+=("$asan_dir: build failed")

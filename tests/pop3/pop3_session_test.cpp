@@ -1,5 +1,6 @@
 // The exported POP3 client against scripted servers on the loopback.
 #include "kemail.h"
+#include "support/fake_clock.h"
 #include "pop3/pop3_test_support.h"
 #include "support/script_server.h"
 #include "support/temp_dir.h"
@@ -167,6 +168,7 @@ TEST_F(Pop3Session, ARefusedQuitGivesMinus8AndAGoodOneLeavesTheBufferAlone) {
 }
 
 TEST_F(Pop3Session, ASilentServerTimesOutWithMinus17) {
+    kemail_test::FakeClock clock;
     ScriptServer server(Script().sleep_ms(30000));
     TraceCapture trace("silence");
     connect(server, trace.handle());
@@ -192,6 +194,7 @@ TEST_F(Pop3Session, ATimeOutOfZeroTimesOutAtOnce) {
 }
 
 TEST_F(Pop3Session, SilenceAfterUserTimesOut) {
+    kemail_test::FakeClock clock;
     ScriptServer server(Script().send("+OK\r\n").read_line().sleep_ms(30000));
     connect(server);
     Pop3_SetTimeOut(1, nullptr);
@@ -314,6 +317,7 @@ TEST_F(Pop3Session, TheMailLogShowsCommandsAndRepliesButNotThePassword) {
 }
 
 TEST_F(Pop3Session, TheMailLogRecordsATimeOut) {
+    kemail_test::FakeClock clock;
     g_pLogHandle = MailLogOpen(0);
     ASSERT_NE(g_pLogHandle, nullptr);
     ScriptServer server(Script().sleep_ms(30000));

@@ -1,5 +1,6 @@
-// The SMTP dialogue of a send, byte for byte: a whole mail, and a mail split
-// into three message/partial pieces within one session.
+// The SMTP dialogue of a split send: the pieces put together, and a failed
+// second piece. The whole-mail dialogues, and a split one with its mail log
+// and trace, are tests/dialogues/send-*.dlg.
 #include "send_fixture.h"
 
 #include <cstdio>
@@ -41,98 +42,6 @@ protected:
         SendTest::TearDown();
     }
 };
-
-TEST_F(SendDialogue, WholeMailWithTextAndAttachment) {
-    TempDir dir;
-    const std::string attachment = dir.file("data.bin");
-    kemail_test::write_file(attachment, pattern_bytes(52));
-    ScriptServer server(whole_mail_script());
-    Mail mail(server.port());
-    mail.text = "Hello\n.dot line\n";
-    mail.attachments.push_back({KEMAIL_CONTENT_ATTACHMENT, attachment});
-    ASSERT_EQ(mail.send(), KEMAIL_OK);
-    ASSERT_TRUE(server.wait_done());
-    ASSERT_FALSE(server.failed()) << server.error();
-
-    const std::string boundary = "---------------ZvLunt<time>";
-    const std::vector<std::string> expected = {
-        "EHLO " + host_name() + "\r\n",
-        "MAIL FROM:<sender@example.test>\r\n",
-        "RCPT TO:<rcpt@example.test>\r\n",
-        "DATA\r\n",
-        "Date: <date>\r\n"
-        "From: sender@example.test\r\n"
-        "To: rcpt@example.test\r\n"
-        "Subject: Test\r\n"
-        "Message-Id: <id>\r\n"
-        "MIME-Version: 1.0\r\n"
-        "Content-Type: multipart/mixed; boundary=\"" + boundary + "\"\r\n"
-        "\r\n"
-        "--" + boundary + "\r\n"
-        "Content-Type: text/plain; charset=\"us-ascii\"\r\n"
-        "\r\n"
-        "Hello\r\n"
-        "..dot line\r\n"
-        "\r\n"
-        "\r\n"
-        "\r\n--" + boundary + "\r\n"
-        "Content-Type: application/octet-stream; name=\"data.bin\"\r\n"
-        "Content-Transfer-Encoding: base64\r\n"
-        "Content-Disposition: attachment;\r\n\tfilename=\"data.bin\"\r\n"
-        "\r\n"
-        "AAcOFRwjKjE4P0ZNVFtiaXB3foWMk5qhqK+2vcTL0tng5+71/AMKERgfJi00O0JJUFde\r\n"
-        "ZQ==\r\n"
-        "--" + boundary + "--\r\n"
-        "\r\n.\r\n",
-        "QUIT\r\n",
-    };
-    std::vector<std::string> records = server.records();
-    for (auto& r : records) r = mask_variable(r);
-    EXPECT_EQ(records, expected);
-    std::string all;
-    for (const auto& r : server.records()) all += r;
-    EXPECT_EQ(server.received(), all) << "the library sent bytes no step expected";
-}
-
-TEST_F(SendDialogue, WholeMailWithoutTextHasOneEmptyLine) {
-    ScriptServer server(whole_mail_script());
-    Mail mail(server.port());
-    mail.text.reset();
-    mail.subject = "";
-    ASSERT_EQ(mail.send(), KEMAIL_OK);
-    ASSERT_TRUE(server.wait_done());
-    const auto records = server.records();
-    ASSERT_EQ(records.size(), 6u);
-    EXPECT_EQ(mask_variable(records[4]),
-              "Date: <date>\r\n"
-              "From: sender@example.test\r\n"
-              "To: rcpt@example.test\r\n"
-              "Subject: \r\n"
-              "Message-Id: <id>\r\n"
-              "MIME-Version: 1.0\r\n"
-              "Content-Type: text/plain; charset=\"us-ascii\"\r\n"
-              "\r\n"
-              "\r\n"
-              "\r\n"
-              "\r\n.\r\n");
-}
-
-TEST_F(SendDialogue, ShortContentDispositionWhenConfigured) {
-    kemail_test::write_file(kemail_test::etc_dir() + "/kemail.ini",
-                            "[KEMAIL]\nCONTENT_DISPOSITION=1\n");
-    TempDir dir;
-    const std::string attachment = dir.file("report.txt");
-    kemail_test::write_file(attachment, "abc");
-    ScriptServer server(whole_mail_script());
-    Mail mail(server.port());
-    mail.attachments.push_back({KEMAIL_CONTENT_ATTACHMENT, attachment});
-    ASSERT_EQ(mail.send(), KEMAIL_OK);
-    ASSERT_TRUE(server.wait_done());
-    const auto records = server.records();
-    ASSERT_EQ(records.size(), 6u);
-    EXPECT_NE(records[4].find("Content-Disposition: \"report.txt\"\r\n"), std::string::npos)
-        << records[4];
-}
 
 TEST_F(SendDialogue, SplitMailIsThreeTransactionsInOneSession) {
     TempDir dir;

@@ -2,6 +2,7 @@
 // the results -15 to -18 with their message texts, and a log-in that opens
 // the way for the mail.
 #include "send_fixture.h"
+#include "support/fake_clock.h"
 
 #include <chrono>
 #include <cstring>
@@ -88,6 +89,7 @@ TEST_F(PopBeforeSmtp, ResetConnectionGivesMinus16WithTheErrorNumber) {
 
 TEST_F(PopBeforeSmtp, UnreachableServerGivesMinus18WithTheErrorNumber) {
     RefusedPort refused;
+    kemail_test::FakeClock clock;  // the one-second pauses between tries
     PopBeforeSmtpInfo pop = pop_settings(refused.port());
     MailAuthInfo auth{KEMAIL_AUTH_POP_BEFORE_SMTP, 0, &pop};
     Mail mail(25);
@@ -96,8 +98,9 @@ TEST_F(PopBeforeSmtp, UnreachableServerGivesMinus18WithTheErrorNumber) {
     EXPECT_STREQ(mail.message, "111");  // ECONNREFUSED, after the retries
 }
 
-// Slow by design: the shortest POP time-out is 60 seconds.
+// The shortest POP time-out is 60 seconds, taken on the test clock.
 TEST_F(PopBeforeSmtp, SilentServerGivesMinus17AfterTheTimeOut) {
+    kemail_test::FakeClock clock;
     Script p;
     p.sleep_ms(120000);  // never greets; the destructor ends the wait
     ScriptServer pop_server(std::move(p));

@@ -1,6 +1,7 @@
 // Every public result of a send that a scripted SMTP server can provoke, with
 // what the message buffer holds afterwards.
 #include "send_fixture.h"
+#include "support/fake_clock.h"
 
 #include <sys/stat.h>
 
@@ -88,6 +89,7 @@ TEST_F(SendResults, ConnectionResetGivesMinus7WithTheErrorNumber) {
 
 TEST_F(SendResults, RefusedConnectionGivesMinus10WithTheErrorNumber) {
     RefusedPort refused;
+    kemail_test::FakeClock clock;  // the one-second pauses between tries
     Mail mail(refused.port());
     EXPECT_EQ(mail.send(), KEMAIL_E_UNREACHABLE);
     EXPECT_STREQ(mail.message, "111");  // ECONNREFUSED, after the retries

@@ -1,4 +1,5 @@
 #include "dialogue.h"
+#include "support/fake_clock.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -84,6 +85,7 @@ TEST_F(Connect, ConnectsAndStartsTheConnectionPhase) {
 // Takes about five seconds: six attempts one second apart.
 TEST_F(Connect, ARefusingServerIsTriedSixTimesThenMinus2WithErrno111) {
     RefusedPort refused;
+    kemail_test::FakeClock clock;  // the one-second pauses between tries
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(SMTP_connect("127.0.0.1", refused.port(), &err), -2);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(4900));

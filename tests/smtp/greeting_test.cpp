@@ -1,3 +1,6 @@
+// The EHLO reply cases that need more than a dialogue file: binary and
+// over-long lines, the capability buffer, restarts of the phase clock. The
+// plain greeting dialogues are tests/dialogues/greeting-*.dlg.
 #include "dialogue.h"
 
 #include <string>
@@ -17,106 +20,6 @@ protected:
     unsigned int err = 777;
 };
 
-TEST_F(Greeting, A554GreetingGivesMinus26WithoutEhlo) {
-    ScriptServer server(Script().send("554 go away\r\n").bound_ms(3000).drain());
-    Client client(server);
-    EXPECT_EQ(SMTP_initialize(client.sock, nullptr, &err), -26);
-    client.close_now();
-    ASSERT_TRUE(server.wait_done());
-    EXPECT_EQ(server.received(), "");
-    EXPECT_EQ(last_reply(), "554 go away\r\n");
-    EXPECT_TRUE(traced_in_order({"smtp0100", "smtp0110", "smtp0115"}));
-}
-
-TEST_F(Greeting, AMultiLineGreetingIsReadWhole) {
-    ScriptServer server(Script()
-                            .send("220-first\r\n220-second\r\n220 ready\r\n")
-                            .read_line()
-                            .send("250 test\r\n"));
-    Client client(server);
-    EXPECT_EQ(SMTP_initialize(client.sock, nullptr, &err), 0);
-    ASSERT_TRUE(server.wait_done());
-    EXPECT_EQ(server.received(), ehlo_line());
-    EXPECT_EQ(trace_find("smtp0110").data, "220 ready\r\n");
-}
-
-TEST_F(Greeting, EhloAcceptedWithoutAuthenticationWanted) {
-    ScriptServer server(Script()
-                            .send("220 test\r\n")
-                            .read_line()
-                            .send("250-test\r\n250-AUTH PLAIN LOGIN\r\n250 HELP\r\n"));
-    Client client(server);
-    EXPECT_EQ(SMTP_initialize(client.sock, nullptr, &err), 0);
-    ASSERT_TRUE(server.wait_done());
-    EXPECT_EQ(server.received(), ehlo_line());
-    EXPECT_EQ(trace_count("smtp0121G"), 1);
-    EXPECT_EQ(trace_count("INIAH0000"), 0);
-    EXPECT_EQ(trace_find("AUTHR0015").data, "250-AUTH PLAIN LOGIN\r\n");
-}
-
-TEST_F(Greeting, PopBeforeSmtpModeDoesNotAuthenticate) {
-    AuthCertInfo cert = credentials(KEMAIL_MECH_PLAIN, "u", "p");
-    MailAuthInfo auth = smtp_auth(&cert);
-    auth.SmtpAuthMode = KEMAIL_AUTH_POP_BEFORE_SMTP;
-    ScriptServer server(Script()
-                            .send("220 test\r\n")
-                            .read_line()
-                            .send("250-test\r\n250 AUTH PLAIN\r\n"));
-    Client client(server);
-    EXPECT_EQ(SMTP_initialize(client.sock, &auth, &err), 0);
-    ASSERT_TRUE(server.wait_done());
-    EXPECT_EQ(server.received(), ehlo_line());
-}
-
-TEST_F(Greeting, A500LineAfter250FallsBackToHelo) {
-    ScriptServer server(Script()
-                            .send("220 test\r\n")
-                            .read_line()
-                            .send("250-test\r\n500 unknown\r\n")
-                            .read_line()
-                            .send("250 hello\r\n"));
-    Client client(server);
-    EXPECT_EQ(SMTP_initialize(client.sock, nullptr, &err), 0);
-    ASSERT_TRUE(server.wait_done());
-    EXPECT_EQ(server.received(), ehlo_line() + helo_line());
-    EXPECT_TRUE(traced_in_order({"AUTHR0010", "AUTHR0020", "AUTHR0025", "smtp0121V", "smtp0128",
-                                 "smtp0135", "smtp01FF"}));
-    EXPECT_EQ(trace_find("smtp0128").data, helo_line());
-}
-
-TEST_F(Greeting, AuthenticationWantedButOnlyHeloGives2WithoutAuth) {
-    AuthCertInfo cert = credentials(7, "user", "secret");
-    MailAuthInfo auth = smtp_auth(&cert);
-    ScriptServer server(Script()
-                            .send("220 test\r\n")
-                            .read_line()
-                            .send("502 no EHLO here\r\n")
-                            .read_line()
-                            .send("250 hello\r\n")
-                            .bound_ms(1000)
-                            .drain());
-    Client client(server);
-    EXPECT_EQ(SMTP_initialize(client.sock, &auth, &err), 2);
-    client.close_now();
-    ASSERT_TRUE(server.wait_done());
-    EXPECT_EQ(server.received(), ehlo_line() + helo_line());
-    EXPECT_EQ(trace_find("smtp0150").level, 0u);
-}
-
-TEST_F(Greeting, HeloRefusedGivesMinus21) {
-    ScriptServer server(Script()
-                            .send("220 test\r\n")
-                            .read_line()
-                            .send("500 what\r\n")
-                            .read_line()
-                            .send("501 nor that\r\n"));
-    Client client(server);
-    EXPECT_EQ(SMTP_initialize(client.sock, nullptr, &err), -21);
-    ASSERT_TRUE(server.wait_done());
-    EXPECT_EQ(last_reply(), "501 nor that\r\n");
-    EXPECT_EQ(trace_count("smtp0140"), 1);
-}
-
 TEST_F(Greeting, EveryEhloContinuationLineRestartsThePhaseClock) {
     ScriptServer server(Script()
                             .send("220 test\r\n")
@@ -133,21 +36,6 @@ TEST_F(Greeting, EveryEhloContinuationLineRestartsThePhaseClock) {
         if (reading && event.code == "SETSTART0000") ++restarts_after_ehlo;
     }
     EXPECT_EQ(restarts_after_ehlo, 2);
-}
-
-TEST_F(Greeting, TheGreetingThatNeverComesTimesOut) {
-    set_phase_timeouts(1);
-    ScriptServer server(Script().sleep_ms(3000));
-    Client client(server);
-    EXPECT_EQ(SMTP_initialize(client.sock, nullptr, &err), -6);
-    EXPECT_TRUE(traced_in_order({"smtp0f03", "smtp0d05", "smtp0105"}));
-}
-
-TEST_F(Greeting, AServerThatClosesDuringEhloGivesMinus4) {
-    ScriptServer server(Script().send("220 test\r\n").read_line().send("250-test\r\n").close());
-    Client client(server);
-    EXPECT_EQ(SMTP_initialize(client.sock, nullptr, &err), -4);
-    EXPECT_TRUE(traced_in_order({"AUTHR0005", "smtp0121D"}));
 }
 
 TEST_F(Greeting, BinaryAndUnterminatedEhloLinesStayInTheBuffer) {

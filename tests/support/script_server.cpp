@@ -1,5 +1,7 @@
 #include "support/script_server.h"
 
+#include "support/fake_clock.h"
+
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -136,6 +138,7 @@ Script& Script::bound_ms(int ms) {
 ScriptServer::ScriptServer(Script script) {
     listen_fd_ = bound_socket(&port_, true);
     make_wake_pipe(wake_);
+    make_wake_pipe(silence_);
     thread_ = std::thread(&ScriptServer::run, this, std::move(script));
 }
 
@@ -147,7 +150,11 @@ ScriptServer::~ScriptServer() {
     close_fd(listen_fd_);
     close_fd(wake_[0]);
     close_fd(wake_[1]);
+    close_fd(silence_[0]);
+    close_fd(silence_[1]);
 }
+
+void ScriptServer::end_silence() { wake(silence_[1]); }
 
 bool ScriptServer::wait_done(int bound_ms) {
     std::unique_lock lock(mutex_);
@@ -205,9 +212,15 @@ bool ScriptServer::wait_fd(int fd, short events, int bound_ms) {
 }
 
 bool ScriptServer::sleep_interruptible(int ms) {
-    if (poll_with_wake(-1, 0, wake_[0], ms) < 0) {
+    const int r = poll_with_wake(silence_[0], POLLIN, wake_[0], ms);
+    if (r < 0) {
         fail("server stopped");
         return false;
+    }
+    if (r == 1) {
+        char byte;
+        ssize_t ignored = ::read(silence_[0], &byte, 1);
+        (void)ignored;
     }
     return true;
 }
@@ -329,9 +342,15 @@ void ScriptServer::play(const Script& script) {
             pending_.clear();
             break;
         }
-        case Script::Op::Sleep:
-            if (!sleep_interruptible(step.ms)) return;
+        case Script::Op::Sleep: {
+            // Everything sent so far is written: a client waiting on the test
+            // clock may now time out without waiting for real.
+            fake_clock_silence(+1);
+            const bool slept = sleep_interruptible(step.ms);
+            fake_clock_silence(-1);
+            if (!slept) return;
             break;
+        }
         case Script::Op::Close:
             close_conn(false);
             break;

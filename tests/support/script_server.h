@@ -57,7 +57,9 @@ public:
     Script& read_until(std::string_view terminator);
     // Reads until the peer closes (or the bound runs out); records the bytes.
     Script& drain();
-    // Does nothing for ms milliseconds (a delay, or silence when the client waits).
+    // Does nothing for ms milliseconds (a delay, or silence when the client
+    // waits). A client on the test clock (support/fake_clock.h) takes it as
+    // silence: its wait ends as a time-out at once.
     Script& sleep_ms(int ms);
     // Closes the connection now (an orderly close: FIN).
     Script& close();
@@ -101,6 +103,10 @@ public:
     std::vector<std::string> records() const;
     // Connections accepted so far.
     int connections() const;
+    // Ends the sleep step now running (or the next one, if none runs): for a
+    // test whose client has given up on a silent server and that wants the
+    // rest of the script played now.
+    void end_silence();
 
 private:
     void run(Script script);
@@ -119,6 +125,7 @@ private:
 
     int listen_fd_ = -1;
     int wake_[2] = {-1, -1};
+    int silence_[2] = {-1, -1};  // a byte here ends a sleep step
     int conn_ = -1;
     uint16_t port_ = 0;
     std::string pending_;  // bytes read but not yet consumed by a step
