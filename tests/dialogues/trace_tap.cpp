@@ -35,7 +35,7 @@ std::vector<TraceEvent> tapped() {
 }  // namespace dialogue
 
 extern "C" int Twrite(TraceHandle* pHandle, unsigned int ulLevel, const char* pszCode,
-                      const void* pData, unsigned int ulLength) {
+                      const void* pData, unsigned int ulLength) noexcept {
     const int saved_errno = errno;
     {
         std::lock_guard<std::mutex> lock(dialogue::g_mutex);
