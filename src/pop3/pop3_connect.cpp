@@ -101,7 +101,7 @@ in_addr_t Pop3_GetAddress(const char* server, int* err, TraceHandle* trace) {
 extern "C" {
 
 KEMAIL_API int Pop3_Connect(const char* pszServer, unsigned int ulPort, int* plErr,
-                            TraceHandle* pTrace) {
+                            TraceHandle* pTrace) noexcept {
     using namespace kemail;
     int unused_err = 0;
     int* err = plErr ? plErr : &unused_err;

@@ -30,7 +30,7 @@ extern "C" {
 
 // user NUL user NUL password: the authorisation identity is the user itself.
 KEMAIL_API int Auth_GetCertPlainString(const char* pszUser, const char* pszPassword,
-                                       char* pszOut) {
+                                       char* pszOut) noexcept {
     pszUser = or_empty(pszUser);
     pszPassword = or_empty(pszPassword);
     trace(g_trace, 1, "AHPLA0000");
@@ -53,7 +53,7 @@ KEMAIL_API int Auth_GetCertPlainString(const char* pszUser, const char* pszPassw
 }
 
 KEMAIL_API int Auth_GetCertLoginString(const char* pszUser, const char* pszPassword,
-                                       char* pszOutUser, char* pszOutPassword) {
+                                       char* pszOutUser, char* pszOutPassword) noexcept {
     pszUser = or_empty(pszUser);
     pszPassword = or_empty(pszPassword);
     trace(g_trace, 1, "AHLGIN0000");
@@ -76,7 +76,7 @@ KEMAIL_API int Auth_GetCertLoginString(const char* pszUser, const char* pszPassw
 // RFC 2195: base64 of "user hexdigest", the digest being HMAC-MD5 of the
 // decoded challenge keyed with the password.
 KEMAIL_API int Auth_GetCertCramString(const char* pszUser, const char* pszPassword,
-                                      const char* pszChallenge, char* pszOut) {
+                                      const char* pszChallenge, char* pszOut) noexcept {
     pszUser = or_empty(pszUser);
     pszPassword = or_empty(pszPassword);
     pszChallenge = or_empty(pszChallenge);

@@ -27,7 +27,7 @@ constexpr int kHmacBlock = 64;
 
 extern "C" {
 
-KEMAIL_API int Auth_Base64Encode(unsigned char* pIn, char* pszOut, int lLength) {
+KEMAIL_API int Auth_Base64Encode(unsigned char* pIn, char* pszOut, int lLength) noexcept {
     if (lLength < 0) lLength = 0;
     // Three NULs behind the input let the last group read whole.
     pIn[lLength] = pIn[lLength + 1] = pIn[lLength + 2] = 0;
@@ -46,7 +46,7 @@ KEMAIL_API int Auth_Base64Encode(unsigned char* pIn, char* pszOut, int lLength) 
 // Decoding stops at the first pad or other non-digit in the third or fourth
 // place of a group. The text is taken up to its NUL, at most kDecodeInputMax
 // characters (a whole reply line), so pOut needs at most kDecodeOutputSize.
-KEMAIL_API int Auth_Base64Decode(unsigned char* pOut, const char* pszIn, int lLength) {
+KEMAIL_API int Auth_Base64Decode(unsigned char* pOut, const char* pszIn, int lLength) noexcept {
     char text[kemail::auth::kDecodeInputMax + 1];
     size_t length = lLength > 0 && pszIn ? static_cast<size_t>(lLength) : 0;
     if (length > kemail::auth::kDecodeInputMax) length = kemail::auth::kDecodeInputMax;
@@ -76,7 +76,7 @@ KEMAIL_API int Auth_Base64Decode(unsigned char* pOut, const char* pszIn, int lLe
 }
 
 KEMAIL_API void hmac_md5(const unsigned char* pText, int lTextLen, const unsigned char* pKey,
-                         int lKeyLen, unsigned char digest[16]) {
+                         int lKeyLen, unsigned char digest[16]) noexcept {
     if (lTextLen < 0) lTextLen = 0;
     if (lKeyLen < 0) lKeyLen = 0;
     unsigned char key_digest[16];

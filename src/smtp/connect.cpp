@@ -56,7 +56,7 @@ extern "C" {
 // A dotted address is taken as it is (so 255.255.255.255, which reads as the
 // failure value, goes on to the name lookup); a name is looked up with up to
 // five tries while the resolver answers TRY_AGAIN.
-KEMAIL_API unsigned int SMTP_resolveHost(const char* pszName, unsigned int* pulErr) {
+KEMAIL_API unsigned int SMTP_resolveHost(const char* pszName, unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     const char* name = pszName ? pszName : "";
@@ -98,7 +98,7 @@ KEMAIL_API unsigned int SMTP_resolveHost(const char* pszName, unsigned int* pulE
 
 // The connection phase's time-out starts here and covers the greeting and
 // EHLO/HELO that follow; connect itself is not bounded by it.
-KEMAIL_API int SMTP_connect(const char* pszName, unsigned int ulPort, unsigned int* pulErr) {
+KEMAIL_API int SMTP_connect(const char* pszName, unsigned int ulPort, unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     const char* name = pszName ? pszName : "";

@@ -55,7 +55,7 @@ ssize_t take_line_bytes(int sock, char* dst, size_t room, char prev) {
 
 extern "C" {
 
-KEMAIL_API int SMTP_send(int lSock, const char* pData, int lLength, unsigned int* pulErr) {
+KEMAIL_API int SMTP_send(int lSock, const char* pData, int lLength, unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     trace_data(g_trace, 0, "smtp0e00", pData, lLength > 0 ? static_cast<size_t>(lLength) : 0);
@@ -116,7 +116,7 @@ KEMAIL_API int SMTP_send(int lSock, const char* pData, int lLength, unsigned int
 // without a terminating NUL, on purpose: the rest of the line comes as the
 // next line). Every wait may take the whole time left when the line began;
 // the remainder is recomputed only after an interruption or an empty read.
-KEMAIL_API int SMTP_recv(int lSock, char* pBuf, int lSize, unsigned int* pulErr) {
+KEMAIL_API int SMTP_recv(int lSock, char* pBuf, int lSize, unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     if (lSize > 0) std::memset(pBuf, 0, static_cast<size_t>(lSize));
@@ -194,7 +194,7 @@ KEMAIL_API int SMTP_recv(int lSock, char* pBuf, int lSize, unsigned int* pulErr)
 
 // A reply's lines are read one after the other into the start of the buffer;
 // a '-' after the code marks a continuation, so the last line stays.
-KEMAIL_API int SMTP_returnMessage(int lSock, char* pBuf, int lSize, unsigned int* pulErr) {
+KEMAIL_API int SMTP_returnMessage(int lSock, char* pBuf, int lSize, unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     *pulErr = 0;
@@ -208,7 +208,7 @@ KEMAIL_API int SMTP_returnMessage(int lSock, char* pBuf, int lSize, unsigned int
     }
 }
 
-KEMAIL_API void SMTP_GetSmtpSvResponce(char* pszDest) {
+KEMAIL_API void SMTP_GetSmtpSvResponce(char* pszDest) noexcept {
     trace(g_trace, 1, "GETSMTP0000");
     if (pszDest) {
         // What strncpy of 255 characters and a NUL at index 255 give.
