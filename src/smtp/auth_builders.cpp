@@ -4,8 +4,9 @@
 #include "kemail.h"
 #include "log/trace_record.h"
 #include "smtp/auth_codec.h"
+#include "util/format.h"
+#include "util/util.h"
 
-#include <cstdio>
 #include <cstring>
 
 using kemail::trace;
@@ -17,11 +18,10 @@ namespace {
 
 const char* or_empty(const char* text) { return text ? text : ""; }
 
-// Copies at most `max` bytes of text to dst and returns how many.
+// Copies at most `max` bytes of text to dst, NUL behind them, and returns
+// how many; dst has room for max + 1 bytes.
 size_t copy_bounded(unsigned char* dst, const char* text, size_t max) {
-    const size_t length = strnlen(text, max);
-    std::memcpy(dst, text, length);
-    return length;
+    return kemail::copy_cut(reinterpret_cast<char*>(dst), max + 1, text);
 }
 
 }  // namespace
@@ -46,7 +46,7 @@ KEMAIL_API int Auth_GetCertPlainString(const char* pszUser, const char* pszPassw
     work[length++] = '\0';
     length += copy_bounded(work + length, pszPassword, kPlainPasswordMax);
     Auth_Base64Encode(work, pszOut, static_cast<int>(length));
-    std::memset(work, 0, sizeof work);
+    explicit_bzero(work, sizeof work);
 
     trace(g_trace, 2, "AHPLAFFFF");
     return 0;
@@ -66,7 +66,7 @@ KEMAIL_API int Auth_GetCertLoginString(const char* pszUser, const char* pszPassw
     const size_t password_length = copy_bounded(password, pszPassword, kLoginInputMax);
     Auth_Base64Encode(user, pszOutUser, static_cast<int>(user_length));
     Auth_Base64Encode(password, pszOutPassword, static_cast<int>(password_length));
-    std::memset(password, 0, sizeof password);
+    explicit_bzero(password, sizeof password);
 
     trace(g_trace, 2, "AHLGIN0015");
     trace(g_trace, 1, "AHLGINFFFF");
@@ -106,10 +106,8 @@ KEMAIL_API int Auth_GetCertCramString(const char* pszUser, const char* pszPasswo
 
     // Three spare bytes behind the text for the encoder.
     unsigned char response[kCramTextMax + 1 + 3];
-    int length = std::snprintf(reinterpret_cast<char*>(response), kCramTextMax + 1, "%s %s",
-                               pszUser, hex);
-    if (length < 0) length = 0;
-    if (static_cast<size_t>(length) > kCramTextMax) length = static_cast<int>(kCramTextMax);
+    const int length = kemail::format_into(reinterpret_cast<char*>(response), kCramTextMax + 1,
+                                           kemail::Overflow::Cut, "%s %s", pszUser, hex);
     Auth_Base64Encode(response, pszOut, length);
 
     trace(g_trace, 1, "AHCRAMFFFF");
