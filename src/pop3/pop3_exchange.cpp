@@ -11,8 +11,12 @@
 
 namespace kemail {
 
-int pop3_exchange(int sock, const Pop3Command& command, const Pop3Codes& codes, char* line,
-                  char* reply_out, int* err, TraceHandle* trace) {
+int pop3_exchange(int sock, const Pop3Command& command, const Pop3Codes& codes, char* reply_out,
+                  int* err, TraceHandle* trace) {
+    int unused_err = 0;
+    if (!err) err = &unused_err;
+    // Zero-filled, so what arrives before a failed read is terminated.
+    char line[kPop3LineSize] = {};
     if (codes.before) kemail::trace(trace, 2, codes.before);
     if (command.bytes) {
         int sent = -1;
@@ -35,8 +39,6 @@ int pop3_exchange(int sock, const Pop3Command& command, const Pop3Codes& codes, 
 
     const int reply = Pop3_RecvReply(sock, line, kPop3LineSize, err, trace);
     if (reply < 0) {
-        // The caller's line buffer starts zero-filled, so what arrived before
-        // the failure is terminated.
         if (codes.no_reply_shows_line) {
             trace_text(trace, 0, codes.no_reply, line);
         } else {

@@ -8,7 +8,7 @@
 // -2/-3/-4/-5/-8 greeting/USER/PASS/STAT/QUIT refused (the server's line is
 // copied to the caller's reply buffer).
 //
-// Deliberate oddities, each labelled "Kept:" where it lives: the PASS line
+// Deliberate oddities, each labelled as kept where it lives: the PASS line
 // is traced in clear (only the mail log masks it); a literal or looked-up
 // 255.255.255.255 counts as an unknown host (unlike SMTP, which looks the
 // literal up and fails later); the Pop3_0c110..Pop3_0c170 codes have five
@@ -77,12 +77,12 @@ struct Pop3Codes {
     int refused_result = 0;
 };
 
-// One step: sends the command (if any), logs it as sent, reads the reply into
-// line (kPop3LineSize bytes, zero-filled by the caller), logs it as received.
-// Returns 0 when positive; codes.refused_result when refused, the line then
-// copied into reply_out (KEMAIL_MESSAGE_SIZE bytes, may be null); -1 when
-// the command was not sent; the read's result (-1 or -17) when no reply came.
-int pop3_exchange(int sock, const Pop3Command& command, const Pop3Codes& codes, char* line,
-                  char* reply_out, int* err, TraceHandle* trace);
+// One step: sends the command (if any), logs it as sent, reads the one-line
+// reply, logs it as received. Returns 0 when positive; codes.refused_result
+// when refused, the line then copied into reply_out (KEMAIL_MESSAGE_SIZE
+// bytes, may be null); -1 when the command was not sent; the read's result
+// (-1 or -17) when no reply came. err may be null.
+int pop3_exchange(int sock, const Pop3Command& command, const Pop3Codes& codes, char* reply_out,
+                  int* err, TraceHandle* trace);
 
 }  // namespace kemail

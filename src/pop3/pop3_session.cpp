@@ -31,30 +31,21 @@ struct CommandLine {
     char text[kCommandSize] = {};
 };
 
-constexpr Pop3Codes kGreeting{.no_reply = "Pop3_0410", .refused = "Pop3_0420", .refused_result = -2};
-constexpr Pop3Codes kUser{.before = "Pop3_0500",
-                          .not_sent = "Pop3_0510",
-                          .no_reply = "Pop3_0520",
-                          .refused = "Pop3_0530",
-                          .refused_result = -3};
-constexpr Pop3Codes kPass{.before = "Pop3_0600",
-                          .not_sent = "Pop3_0610",
-                          .no_reply = "Pop3_0620",
-                          .refused = "Pop3_0630",
-                          .refused_result = -4};
-constexpr Pop3Codes kStat{.not_sent = "Pop3_0910",
-                          .no_reply = "Pop3_0920",
-                          .accepted = "Pop3_09ff",
-                          .refused = "Pop3_0930",
-                          .refused_result = -5};
-constexpr Pop3Codes kQuit{.not_sent = "Pop3_0810",
-                          .not_sent_shows_command = true,
-                          .sent = "Pop3_0820",
-                          .no_reply = "Pop3_0830",
-                          .no_reply_shows_line = true,
-                          .accepted = "Pop3_08ff",
-                          .refused = "Pop3_0840",
-                          .refused_result = -8};
+constexpr Pop3Codes kGreeting{
+    .no_reply = "Pop3_0410", .refused = "Pop3_0420", .refused_result = -2};
+constexpr Pop3Codes kUser{
+    .before = "Pop3_0500", .not_sent = "Pop3_0510", .no_reply = "Pop3_0520", .refused = "Pop3_0530",
+    .refused_result = -3};
+constexpr Pop3Codes kPass{
+    .before = "Pop3_0600", .not_sent = "Pop3_0610", .no_reply = "Pop3_0620", .refused = "Pop3_0630",
+    .refused_result = -4};
+constexpr Pop3Codes kStat{
+    .not_sent = "Pop3_0910", .no_reply = "Pop3_0920", .accepted = "Pop3_09ff",
+    .refused = "Pop3_0930", .refused_result = -5};
+constexpr Pop3Codes kQuit{
+    .not_sent = "Pop3_0810", .not_sent_shows_command = true, .sent = "Pop3_0820",
+    .no_reply = "Pop3_0830", .no_reply_shows_line = true, .accepted = "Pop3_08ff",
+    .refused = "Pop3_0840", .refused_result = -8};
 
 constexpr char kStatCommand[] = "STAT\r\n";
 constexpr char kQuitCommand[] = "QUIT\r\n";
@@ -69,18 +60,14 @@ extern "C" {
 KEMAIL_API int Pop3_Login(int lSock, const char* pszUser, const char* pszPassword, char* pszReply,
                           int* plErr, TraceHandle* pTrace) noexcept {
     using namespace kemail;
-    int unused_err = 0;
-    int* err = plErr ? plErr : &unused_err;
-    char line[kPop3LineSize] = {};
-
     trace_text(pTrace, 1, "Pop3_0400", pszUser ? pszUser : "");
     if (pszReply) pszReply[0] = '\0';
-    int result = pop3_exchange(lSock, {}, kGreeting, line, pszReply, err, pTrace);
+    int result = pop3_exchange(lSock, {}, kGreeting, pszReply, plErr, pTrace);
     if (result != 0) return result;
 
     CommandLine user;
     const int user_length = user.format("USER", pszUser);
-    result = pop3_exchange(lSock, {user.text, user_length}, kUser, line, pszReply, err, pTrace);
+    result = pop3_exchange(lSock, {user.text, user_length}, kUser, pszReply, plErr, pTrace);
     if (result != 0) return result;
 
     // Kept: the PASS line goes to the trace with the clear password (record
@@ -88,8 +75,8 @@ KEMAIL_API int Pop3_Login(int lSock, const char* pszUser, const char* pszPasswor
     // Pop3Session.ThePassCommandIsTracedInClear).
     CommandLine pass;
     const int pass_length = pass.format("PASS", pszPassword);
-    result = pop3_exchange(lSock, {pass.text, pass_length, kHiddenPassword}, kPass, line, pszReply,
-                           err, pTrace);
+    result = pop3_exchange(lSock, {pass.text, pass_length, kHiddenPassword}, kPass, pszReply, plErr,
+                           pTrace);
     if (result != 0) return result;
     trace(pTrace, 1, "Pop3_07ff");
     return 0;
@@ -98,27 +85,20 @@ KEMAIL_API int Pop3_Login(int lSock, const char* pszUser, const char* pszPasswor
 // The message count and size in the reply are not looked at.
 KEMAIL_API int Pop3_STAT(int lSock, char* pszReply, int* plErr, TraceHandle* pTrace) noexcept {
     using namespace kemail;
-    int unused_err = 0;
-    int* err = plErr ? plErr : &unused_err;
-    char line[kPop3LineSize] = {};
-
     trace(pTrace, 1, "Pop3_0900");
     if (pszReply) pszReply[0] = '\0';
-    return pop3_exchange(lSock, {kStatCommand, sizeof kStatCommand - 1}, kStat, line, pszReply,
-                         err, pTrace);
+    return pop3_exchange(lSock, {kStatCommand, sizeof kStatCommand - 1}, kStat, pszReply, plErr,
+                         pTrace);
 }
 
-// Unlike log-in and status, log-out leaves the reply buffer alone unless
-// the server refuses.
+// Kept: unlike log-in and status, log-out leaves the reply buffer alone
+// unless the server refuses (test
+// Pop3Session.ARefusedQuitGivesMinus8AndAGoodOneLeavesTheBufferAlone).
 KEMAIL_API int Pop3_Logout(int lSock, char* pszReply, int* plErr, TraceHandle* pTrace) noexcept {
     using namespace kemail;
-    int unused_err = 0;
-    int* err = plErr ? plErr : &unused_err;
-    char line[kPop3LineSize] = {};
-
     trace(pTrace, 1, "Pop3_0800");
-    return pop3_exchange(lSock, {kQuitCommand, sizeof kQuitCommand - 1}, kQuit, line, pszReply,
-                         err, pTrace);
+    return pop3_exchange(lSock, {kQuitCommand, sizeof kQuitCommand - 1}, kQuit, pszReply, plErr,
+                         pTrace);
 }
 
 }  // extern "C"

@@ -86,6 +86,8 @@ int pop_before_smtp(const MailAuthInfo* auth, char* message) {
     const PopBeforeSmtpInfo* pop =
         auth ? static_cast<const PopBeforeSmtpInfo*>(auth->pSettings) : nullptr;
     if (!pop) return KEMAIL_E_ARGUMENT;
+    // Kept: the whole settings record, password included, is traced at
+    // level 0 (test PopBeforeSmtp.AGoodSessionReturnsZeroAndTracesEveryStep).
     trace_data(g_trace, 0, "BEFORE0010", pop, sizeof *pop);
 
     // strnlen over the whole field: an unterminated field counts as too long.

@@ -29,6 +29,9 @@ size_t copy_bounded(unsigned char* dst, const char* text, size_t max) {
 extern "C" {
 
 // user NUL user NUL password: the authorisation identity is the user itself.
+// Kept: the password is traced at level 2 (AHPLA0010, like AHLGIN0010 and
+// AHCRAM0010), and the exit AHPLAFFFF at level 2 rather than 1 (test
+// AuthBuilders.TracesCarryTheDiagnosticTexts).
 KEMAIL_API int Auth_GetCertPlainString(const char* pszUser, const char* pszPassword,
                                        char* pszOut) noexcept {
     pszUser = or_empty(pszUser);

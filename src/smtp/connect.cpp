@@ -25,20 +25,19 @@ constexpr int kSocketFailed = -1;
 constexpr int kConnectFailed = -2;
 constexpr int kNameNotResolved = -5;
 
-constexpr kemail::net::ResolveCodes kResolveCodes{.start = "getsmtp0000",
-                                                  .literal = "getsmtp0010",
-                                                  .busy = "getsmtp0020",
-                                                  .answered = "getsmtp0040",
-                                                  .resolved = "getsmtpFFFF"};
+constexpr kemail::net::ResolveCodes kResolveCodes{
+    .start = "getsmtp0000", .literal = "getsmtp0010", .busy = "getsmtp0020",
+    .answered = "getsmtp0040", .resolved = "getsmtpFFFF"};
 
 // A refusing server is tried 6 times in all, one second apart; an
 // interrupted connect counts as a failed attempt.
-constexpr kemail::net::ConnectCodes kConnectCodes{.attempt_failed = "smtp0040",
-                                                  .retrying = "smtp0022",
-                                                  .refused_retries = 5};
+constexpr kemail::net::ConnectCodes kConnectCodes{
+    .attempt_failed = "smtp0040", .retrying = "smtp0022", .refused_retries = 5};
 
-// The port of the SMTP service in network byte order. The upper-case service
-// name is tried first, deliberately; without either entry the port is 25.
+// The port of the SMTP service in network byte order; without either entry
+// the port is 25.
+// Kept: the upper-case service name "SMTP" is looked up first (test
+// Connect.PortZeroTriesTheUpperCaseServiceFirst).
 uint16_t smtp_service_port() {
     struct servent entry;
     struct servent* found = nullptr;

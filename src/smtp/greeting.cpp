@@ -31,14 +31,9 @@ bool wants_smtp_auth(const MailAuthInfo* auth) {
 // Kept: "smtp0150" here means "authentication wanted but only HELO
 // accepted", while SMTP_MAIL uses it for "no reply to MAIL" (test
 // Greeting.AuthenticationWantedButOnlyHeloGives2WithoutAuth).
-constexpr ExchangeCodes kHelo{.restarts_clock = true,
-                              .not_sent = "smtp0125",
-                              .sent = "smtp0128",
-                              .no_reply = "smtp0130",
-                              .reply = "smtp0135",
-                              .expect = '2',
-                              .refused = "smtp0140",
-                              .refused_result = kHeloRefused};
+constexpr ExchangeCodes kHelo{
+    .restarts_clock = true, .not_sent = "smtp0125", .sent = "smtp0128", .no_reply = "smtp0130",
+    .reply = "smtp0135", .expect = '2', .refused = "smtp0140", .refused_result = kHeloRefused};
 // The EHLO reply is read line by line by SMTP_readEhloReply.
 constexpr ExchangeCodes kEhlo{.not_sent = "smtp0121A"};
 
@@ -78,13 +73,17 @@ KEMAIL_API int SMTP_readEhloReply(int lSock, char* pszCapability, unsigned int* 
         }
         const ReplyText line(s_szRecvBuf);
         MailLogWrite(g_pLogHandle, KEMAIL_LOG_RECEIVED, line.text);
+        // Kept: one line of the reply that does not begin with '2' refuses
+        // the whole EHLO, even after 250 lines (test
+        // Greeting.A500LineAfter250FallsBackToHelo).
         if (s_szRecvBuf[0] != '2') {
             trace_data(g_trace, 0, "AUTHR0010", line.text, line.length);
             refused = true;
         }
         if (std::strncmp(s_szRecvBuf + 4, "AUTH ", 5) == 0) {
             // A line that filled the reply buffer is cut by one byte here to
-            // keep the capability text terminated.
+            // keep the capability text terminated (test
+            // Greeting.AnAuthLineThatFillsTheBufferIsCutToStayTerminated).
             kemail::copy_cut(pszCapability, KEMAIL_RECV_BUF_SIZE, line.text);
             trace_data(g_trace, 2, "AUTHR0015", line.text, line.length);
         }

@@ -10,7 +10,7 @@
 // refusal the command's own code (-21..-28, or 3 for a refused AUTH
 // mechanism), and the socket is always left open for the driver.
 //
-// Deliberate oddities, each labelled "Kept:" where it lives: the trace gets
+// Deliberate oddities, each labelled as kept where it lives: the trace gets
 // the AUTH strings and the password-bearing responses at level 2 (only the
 // mail log masks them); CRAM-MD5 reuses two PLAIN trace codes; every EHLO
 // continuation line restarts the phase clock; a literal 255.255.255.255 is

@@ -48,6 +48,8 @@ KEMAIL_API void SMTP_SetStartTime(void) noexcept {
 KEMAIL_API int SMTP_CheckOverTimeOut(void) noexcept {
     trace(g_trace, 1, "CHKOVER0000");
     const long long elapsed = static_cast<long long>(now_clamped() - g_tStartTime);
+    // Kept: elapsed equal to the time-out already counts as over (test
+    // TimeOut.ElapsedEqualToTheTimeOutCountsAsOver).
     if (elapsed < static_cast<long long>(g_ulTimeOut)) {
         trace(g_trace, 1, "CHKOVERFFFF");
         return 0;
@@ -73,8 +75,10 @@ KEMAIL_API void SMTP_GetSelectTimeOut(struct timeval* pstTimeVal) noexcept {
     trace(g_trace, 1, "GETSLCTFFFF");
 }
 
-// Hours east of UTC, truncated toward zero (+5:30 gives 5): the UTC fields
-// read back as local time differ from the local fields by the zone offset.
+// Hours east of UTC: the UTC fields read back as local time differ from the
+// local fields by the zone offset.
+// Kept: whole hours truncated toward zero, so +5:30 gives 5 and -3:30 gives
+// -3 (test TimeDifference.WholeHoursEastOfUtcTruncatedTowardZero).
 KEMAIL_API int SMTP_GetTimeDifference(void) noexcept {
     trace(g_trace, 1, "GETDIFF0000");
     struct tm split;
