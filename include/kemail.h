@@ -245,15 +245,20 @@ KEMAIL_API int  SMTP_GetTimeDifference(void) KEMAIL_NOEXCEPT;
 /* Size of the reply buffer every caller passes to SMTP_returnMessage. */
 #define KEMAIL_RECV_BUF_SIZE 1028
 
-KEMAIL_API int  SMTP_send(int lSock, const char* pData, int lLength, unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int  SMTP_send(int lSock, const char* pData, int lLength,
+                          unsigned int* pulErr) KEMAIL_NOEXCEPT;
 KEMAIL_API int  SMTP_recv(int lSock, char* pBuf, int lSize, unsigned int* pulErr) KEMAIL_NOEXCEPT;
-KEMAIL_API int  SMTP_returnMessage(int lSock, char* pBuf, int lSize, unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int  SMTP_returnMessage(int lSock, char* pBuf, int lSize,
+                                   unsigned int* pulErr) KEMAIL_NOEXCEPT;
 KEMAIL_API void SMTP_GetSmtpSvResponce(char* pszDest) KEMAIL_NOEXCEPT;
 
 KEMAIL_API unsigned int SMTP_resolveHost(const char* pszName, unsigned int* pulErr) KEMAIL_NOEXCEPT;
-KEMAIL_API int SMTP_connect(const char* pszName, unsigned int ulPort, unsigned int* pulErr) KEMAIL_NOEXCEPT;
-KEMAIL_API int SMTP_readEhloReply(int lSock, char* pszCapability, unsigned int* pulErr) KEMAIL_NOEXCEPT;
-KEMAIL_API int SMTP_initialize(int lSock, const MailAuthInfo* pstAuth, unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int SMTP_connect(const char* pszName, unsigned int ulPort,
+                            unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int SMTP_readEhloReply(int lSock, char* pszCapability,
+                                  unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int SMTP_initialize(int lSock, const MailAuthInfo* pstAuth,
+                               unsigned int* pulErr) KEMAIL_NOEXCEPT;
 
 typedef struct MD5_CTX {
     uint32_t      state[4];
@@ -270,11 +275,15 @@ KEMAIL_API void hmac_md5(const unsigned char* pText, int lTextLen, const unsigne
 KEMAIL_API void SMTP_getAuthMechanisms(const char* pszLine, unsigned int* pulMask) KEMAIL_NOEXCEPT;
 KEMAIL_API int  SMTP_authenticate(int lSock, const AuthCertInfo* pstCert, unsigned int ulServerMask,
                                   unsigned int* pulErr) KEMAIL_NOEXCEPT;
-KEMAIL_API int  SMTP_authCramMd5(int lSock, const AuthCertInfo* pstCert, unsigned int* pulErr) KEMAIL_NOEXCEPT;
-KEMAIL_API int  SMTP_authPlain(int lSock, const AuthCertInfo* pstCert, unsigned int* pulErr) KEMAIL_NOEXCEPT;
-KEMAIL_API int  SMTP_authLogin(int lSock, const AuthCertInfo* pstCert, unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int  SMTP_authCramMd5(int lSock, const AuthCertInfo* pstCert,
+                                 unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int  SMTP_authPlain(int lSock, const AuthCertInfo* pstCert,
+                               unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int  SMTP_authLogin(int lSock, const AuthCertInfo* pstCert,
+                               unsigned int* pulErr) KEMAIL_NOEXCEPT;
 /* pszOut: at least 4 * ceil((2 * user + password + 2) / 3) + 1 bytes (261 for the limits). */
-KEMAIL_API int  Auth_GetCertPlainString(const char* pszUser, const char* pszPassword, char* pszOut) KEMAIL_NOEXCEPT;
+KEMAIL_API int  Auth_GetCertPlainString(const char* pszUser, const char* pszPassword,
+                                        char* pszOut) KEMAIL_NOEXCEPT;
 /* Each output: 256 bytes. */
 KEMAIL_API int  Auth_GetCertLoginString(const char* pszUser, const char* pszPassword,
                                         char* pszOutUser, char* pszOutPassword) KEMAIL_NOEXCEPT;
@@ -282,9 +291,11 @@ KEMAIL_API int  Auth_GetCertCramString(const char* pszUser, const char* pszPassw
                                        const char* pszChallenge, char* pszOut) KEMAIL_NOEXCEPT;
 /* pIn must have 3 writable bytes after lLength. */
 KEMAIL_API int  Auth_Base64Encode(unsigned char* pIn, char* pszOut, int lLength) KEMAIL_NOEXCEPT;
-KEMAIL_API int  Auth_Base64Decode(unsigned char* pOut, const char* pszIn, int lLength) KEMAIL_NOEXCEPT;
+KEMAIL_API int  Auth_Base64Decode(unsigned char* pOut, const char* pszIn,
+                                  int lLength) KEMAIL_NOEXCEPT;
 
-KEMAIL_API int SMTP_MAIL(int lSock, const char* pszFrom, const char* pszTo, unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int SMTP_MAIL(int lSock, const char* pszFrom, const char* pszTo,
+                         unsigned int* pulErr) KEMAIL_NOEXCEPT;
 KEMAIL_API int SMTP_startData(int lSock, unsigned int* pulErr) KEMAIL_NOEXCEPT;
 KEMAIL_API int SMTP_sendData(int lSock, int lFile, unsigned int* pulErr) KEMAIL_NOEXCEPT;
 KEMAIL_API int SMTP_endData(int lSock, unsigned int* pulErr) KEMAIL_NOEXCEPT;
@@ -349,8 +360,10 @@ KEMAIL_API int Pop3_Connect(const char* pszServer, unsigned int ulPort, int* plE
                             TraceHandle* pTrace) KEMAIL_NOEXCEPT;
 KEMAIL_API int Pop3_Login(int lSock, const char* pszUser, const char* pszPassword, char* pszReply,
                           int* plErr, TraceHandle* pTrace) KEMAIL_NOEXCEPT;
-KEMAIL_API int Pop3_STAT(int lSock, char* pszReply, int* plErr, TraceHandle* pTrace) KEMAIL_NOEXCEPT;
-KEMAIL_API int Pop3_Logout(int lSock, char* pszReply, int* plErr, TraceHandle* pTrace) KEMAIL_NOEXCEPT;
+KEMAIL_API int Pop3_STAT(int lSock, char* pszReply, int* plErr,
+                         TraceHandle* pTrace) KEMAIL_NOEXCEPT;
+KEMAIL_API int Pop3_Logout(int lSock, char* pszReply, int* plErr,
+                           TraceHandle* pTrace) KEMAIL_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
 /* Private profile (ini) files.                                             */

@@ -33,7 +33,8 @@ int pop3_exchange(int sock, const Pop3Command& command, const Pop3Codes& codes, 
             }
             return -1;
         }
-        MailLogWrite(g_pLogHandle, KEMAIL_LOG_SENT, command.logged ? command.logged : command.bytes);
+        MailLogWrite(g_pLogHandle, KEMAIL_LOG_SENT,
+                     command.logged ? command.logged : command.bytes);
         if (codes.sent) kemail::trace(trace, 2, codes.sent);
     }
 

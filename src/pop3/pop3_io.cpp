@@ -76,7 +76,8 @@ int Pop3_Send(int sock, const char* bytes, int length, int* err, TraceHandle* tr
     while (sent < length) {
         // MSG_NOSIGNAL: a server that has gone away must give EPIPE here,
         // not a SIGPIPE that would end the calling process.
-        const ssize_t n = ::send(sock, bytes + sent, static_cast<size_t>(length - sent), MSG_NOSIGNAL);
+        const ssize_t n = ::send(sock, bytes + sent, static_cast<size_t>(length - sent),
+                                 MSG_NOSIGNAL);
         if (n < 0) {
             if (errno == EINTR) {
                 kemail::trace(trace, 0, "Pop3_0b10");

@@ -138,7 +138,8 @@ KEMAIL_API int SMTP_authenticate(int lSock, const AuthCertInfo* pstCert, unsigne
     return kRefused;
 }
 
-KEMAIL_API int SMTP_authCramMd5(int lSock, const AuthCertInfo* pstCert, unsigned int* pulErr) noexcept {
+KEMAIL_API int SMTP_authCramMd5(int lSock, const AuthCertInfo* pstCert,
+                                unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     trace(g_trace, 1, "INCRAM0000");
@@ -158,7 +159,8 @@ KEMAIL_API int SMTP_authCramMd5(int lSock, const AuthCertInfo* pstCert, unsigned
 }
 
 // The initial response travels in the command itself.
-KEMAIL_API int SMTP_authPlain(int lSock, const AuthCertInfo* pstCert, unsigned int* pulErr) noexcept {
+KEMAIL_API int SMTP_authPlain(int lSock, const AuthCertInfo* pstCert,
+                              unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     trace(g_trace, 1, "INPLAN0000");
@@ -173,7 +175,8 @@ KEMAIL_API int SMTP_authPlain(int lSock, const AuthCertInfo* pstCert, unsigned i
 }
 
 // The server's prompts are not read; only their codes count.
-KEMAIL_API int SMTP_authLogin(int lSock, const AuthCertInfo* pstCert, unsigned int* pulErr) noexcept {
+KEMAIL_API int SMTP_authLogin(int lSock, const AuthCertInfo* pstCert,
+                              unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     trace(g_trace, 1, "INLGIN0000");

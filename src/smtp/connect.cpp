@@ -82,7 +82,8 @@ KEMAIL_API unsigned int SMTP_resolveHost(const char* pszName, unsigned int* pulE
 
 // The connection phase's time-out starts here and covers the greeting and
 // EHLO/HELO that follow; connect itself is not bounded by it.
-KEMAIL_API int SMTP_connect(const char* pszName, unsigned int ulPort, unsigned int* pulErr) noexcept {
+KEMAIL_API int SMTP_connect(const char* pszName, unsigned int ulPort,
+                            unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     const char* name = pszName ? pszName : "";
@@ -101,7 +102,8 @@ KEMAIL_API int SMTP_connect(const char* pszName, unsigned int ulPort, unsigned i
     peer.sin_port = ulPort != 0 ? htons(static_cast<uint16_t>(ulPort)) : smtp_service_port();
     peer.sin_addr.s_addr = address;
 
-    const kemail::net::Connection connection = kemail::net::connect_ipv4(peer, kConnectCodes, g_trace);
+    const kemail::net::Connection connection = kemail::net::connect_ipv4(peer, kConnectCodes,
+                                                                         g_trace);
     if (connection.sock >= 0) {
         // Every command goes out in one send and waits for its reply, so
         // Nagle's delay could only hold a short command (the end-of-data

@@ -106,7 +106,8 @@ KEMAIL_API int SMTP_readEhloReply(int lSock, char* pszCapability, unsigned int* 
     }
 }
 
-KEMAIL_API int SMTP_initialize(int lSock, const MailAuthInfo* pstAuth, unsigned int* pulErr) noexcept {
+KEMAIL_API int SMTP_initialize(int lSock, const MailAuthInfo* pstAuth,
+                               unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     trace(g_trace, 1, "smtp0100");

@@ -81,7 +81,7 @@ KEMAIL_API int SMTP_MAIL(int lSock, const char* pszFrom, const char* pszTo,
     start_phase(g_stMailTimeout.ulMailFrom);
     const int length = format_command("MAIL FROM:<%s>\r\n", pszFrom ? pszFrom : "");
     if (length < 0) return refuse_long_command("smtp0145", pulErr);
-    const int result = exchange(lSock, length, kMailFrom, pulErr);
+    int result = exchange(lSock, length, kMailFrom, pulErr);
     if (result != 0) return result;
 
     for (const char* piece = recipients;;) {
@@ -99,9 +99,8 @@ KEMAIL_API int SMTP_MAIL(int lSock, const char* pszFrom, const char* pszTo,
         kemail::copy_cut(address, piece_length + 1, piece);
 
         start_phase(g_stMailTimeout.ulRcptTo);
-        const int refused = exchange(lSock, format_command("RCPT TO:<%s>\r\n", address), kRcptTo,
-                                     pulErr);
-        if (refused != 0) return refused;
+        result = exchange(lSock, format_command("RCPT TO:<%s>\r\n", address), kRcptTo, pulErr);
+        if (result != 0) return result;
         if (!comma) {
             trace(g_trace, 0, "smtp0191");
             trace(g_trace, 1, "SMTP02FF-2");

@@ -109,8 +109,9 @@ KEMAIL_API int SMTP_send(int lSock, const char* pData, int lLength, unsigned int
 // Reads one line, CR LF included, or as many bytes as fill the buffer.
 // Kept: a line that fills the buffer leaves it without a terminating NUL; the
 // rest of the line comes as the next line (test
-// Transport.AFullLineWithoutCrLfFillsTheBufferWithoutNul). Every wait may take the whole time left when the line began;
-// the remainder is recomputed only after an interruption or an empty read.
+// Transport.AFullLineWithoutCrLfFillsTheBufferWithoutNul). Every wait may
+// take the whole time left when the line began; the remainder is recomputed
+// only after an interruption or an empty read.
 KEMAIL_API int SMTP_recv(int lSock, char* pBuf, int lSize, unsigned int* pulErr) noexcept {
     using kemail::net::LineStatus;
     unsigned int scratch = 0;

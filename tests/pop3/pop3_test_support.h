@@ -93,7 +93,8 @@ inline int count_of(const std::vector<std::string>& codes, const std::string& co
 
 // True when every code of `wanted` appears in `codes` in this order (others
 // may come between).
-inline bool in_order(const std::vector<std::string>& codes, const std::vector<std::string>& wanted) {
+inline bool in_order(const std::vector<std::string>& codes,
+                     const std::vector<std::string>& wanted) {
     size_t next = 0;
     for (const auto& c : codes) {
         if (next < wanted.size() && c == wanted[next]) ++next;
