@@ -28,6 +28,12 @@
 #endif
 
 #ifdef __cplusplus
+#define KEMAIL_NOEXCEPT noexcept
+#else
+#define KEMAIL_NOEXCEPT
+#endif
+
+#ifdef __cplusplus
 extern "C" {
 #endif
 
@@ -239,12 +245,12 @@ KEMAIL_API extern uint32_t       g_ulPopTimeOut;
 /* Time-out accounting.                                                     */
 /* ------------------------------------------------------------------------ */
 
-KEMAIL_API void SMTP_SetTimeOutInfo(const SmtpTimeOut* pstTimeOut);
-KEMAIL_API void SMTP_SetTimeOut(unsigned int ulSeconds);
-KEMAIL_API void SMTP_SetStartTime(void);
-KEMAIL_API int  SMTP_CheckOverTimeOut(void);
-KEMAIL_API void SMTP_GetSelectTimeOut(struct timeval* pstTimeVal);
-KEMAIL_API int  SMTP_GetTimeDifference(void);
+KEMAIL_API void SMTP_SetTimeOutInfo(const SmtpTimeOut* pstTimeOut) KEMAIL_NOEXCEPT;
+KEMAIL_API void SMTP_SetTimeOut(unsigned int ulSeconds) KEMAIL_NOEXCEPT;
+KEMAIL_API void SMTP_SetStartTime(void) KEMAIL_NOEXCEPT;
+KEMAIL_API int  SMTP_CheckOverTimeOut(void) KEMAIL_NOEXCEPT;
+KEMAIL_API void SMTP_GetSelectTimeOut(struct timeval* pstTimeVal) KEMAIL_NOEXCEPT;
+KEMAIL_API int  SMTP_GetTimeDifference(void) KEMAIL_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
 /* SMTP transport, connection, authentication and mail transaction.         */
@@ -253,15 +259,20 @@ KEMAIL_API int  SMTP_GetTimeDifference(void);
 /* Size of the reply buffer every caller passes to SMTP_returnMessage. */
 #define KEMAIL_RECV_BUF_SIZE 1028
 
-KEMAIL_API int  SMTP_send(int lSock, const char* pData, int lLength, unsigned int* pulErr);
-KEMAIL_API int  SMTP_recv(int lSock, char* pBuf, int lSize, unsigned int* pulErr);
-KEMAIL_API int  SMTP_returnMessage(int lSock, char* pBuf, int lSize, unsigned int* pulErr);
-KEMAIL_API void SMTP_GetSmtpSvResponce(char* pszDest);
+KEMAIL_API int  SMTP_send(int lSock, const char* pData, int lLength,
+                          unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int  SMTP_recv(int lSock, char* pBuf, int lSize, unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int  SMTP_returnMessage(int lSock, char* pBuf, int lSize,
+                                   unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API void SMTP_GetSmtpSvResponce(char* pszDest) KEMAIL_NOEXCEPT;
 
-KEMAIL_API unsigned int SMTP_resolveHost(const char* pszName, unsigned int* pulErr);
-KEMAIL_API int SMTP_connect(const char* pszName, unsigned int ulPort, unsigned int* pulErr);
-KEMAIL_API int SMTP_readEhloReply(int lSock, char* pszCapability, unsigned int* pulErr);
-KEMAIL_API int SMTP_initialize(int lSock, const MailAuthInfo* pstAuth, unsigned int* pulErr);
+KEMAIL_API unsigned int SMTP_resolveHost(const char* pszName, unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int SMTP_connect(const char* pszName, unsigned int ulPort,
+                            unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int SMTP_readEhloReply(int lSock, char* pszCapability,
+                                  unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int SMTP_initialize(int lSock, const MailAuthInfo* pstAuth,
+                               unsigned int* pulErr) KEMAIL_NOEXCEPT;
 
 typedef struct MD5_CTX {
     uint32_t      state[4];
@@ -273,16 +284,20 @@ KEMAIL_API void MD5Init(MD5_CTX* pContext);
 KEMAIL_API void MD5Update(MD5_CTX* pContext, const unsigned char* pInput, unsigned int ulLength);
 KEMAIL_API void MD5Final(unsigned char digest[16], MD5_CTX* pContext);
 KEMAIL_API void hmac_md5(const unsigned char* pText, int lTextLen, const unsigned char* pKey,
-                         int lKeyLen, unsigned char digest[16]);
+                         int lKeyLen, unsigned char digest[16]) KEMAIL_NOEXCEPT;
 
-KEMAIL_API void SMTP_getAuthMechanisms(const char* pszLine, unsigned int* pulMask);
+KEMAIL_API void SMTP_getAuthMechanisms(const char* pszLine, unsigned int* pulMask) KEMAIL_NOEXCEPT;
 KEMAIL_API int  SMTP_authenticate(int lSock, const AuthCertInfo* pstCert, unsigned int ulServerMask,
-                                  unsigned int* pulErr);
-KEMAIL_API int  SMTP_authCramMd5(int lSock, const AuthCertInfo* pstCert, unsigned int* pulErr);
-KEMAIL_API int  SMTP_authPlain(int lSock, const AuthCertInfo* pstCert, unsigned int* pulErr);
-KEMAIL_API int  SMTP_authLogin(int lSock, const AuthCertInfo* pstCert, unsigned int* pulErr);
+                                  unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int  SMTP_authCramMd5(int lSock, const AuthCertInfo* pstCert,
+                                 unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int  SMTP_authPlain(int lSock, const AuthCertInfo* pstCert,
+                               unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int  SMTP_authLogin(int lSock, const AuthCertInfo* pstCert,
+                               unsigned int* pulErr) KEMAIL_NOEXCEPT;
 /* pszOut: at least 4 * ceil((2 * user + password + 2) / 3) + 1 bytes (261 for the limits). */
-KEMAIL_API int  Auth_GetCertPlainString(const char* pszUser, const char* pszPassword, char* pszOut) KEMAIL_NOEXCEPT;
+KEMAIL_API int  Auth_GetCertPlainString(const char* pszUser, const char* pszPassword,
+                                        char* pszOut) KEMAIL_NOEXCEPT;
 /* Each output: 256 bytes. */
 KEMAIL_API int  Auth_GetCertLoginString(const char* pszUser, const char* pszPassword,
                                         char* pszOutUser, char* pszOutPassword) KEMAIL_NOEXCEPT;
@@ -290,14 +305,16 @@ KEMAIL_API int  Auth_GetCertCramString(const char* pszUser, const char* pszPassw
                                        const char* pszChallenge, char* pszOut) KEMAIL_NOEXCEPT;
 /* pIn must have 3 writable bytes after lLength. */
 KEMAIL_API int  Auth_Base64Encode(unsigned char* pIn, char* pszOut, int lLength) KEMAIL_NOEXCEPT;
-KEMAIL_API int  Auth_Base64Decode(unsigned char* pOut, const char* pszIn, int lLength) KEMAIL_NOEXCEPT;
+KEMAIL_API int  Auth_Base64Decode(unsigned char* pOut, const char* pszIn,
+                                  int lLength) KEMAIL_NOEXCEPT;
 
-KEMAIL_API int SMTP_MAIL(int lSock, const char* pszFrom, const char* pszTo, unsigned int* pulErr);
-KEMAIL_API int SMTP_startData(int lSock, unsigned int* pulErr);
-KEMAIL_API int SMTP_sendData(int lSock, int lFile, unsigned int* pulErr);
-KEMAIL_API int SMTP_endData(int lSock, unsigned int* pulErr);
-KEMAIL_API int SMTP_RSET(int lSock, unsigned int* pulErr);
-KEMAIL_API int SMTP_QUIT(int lSock, unsigned int* pulErr);
+KEMAIL_API int SMTP_MAIL(int lSock, const char* pszFrom, const char* pszTo,
+                         unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int SMTP_startData(int lSock, unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int SMTP_sendData(int lSock, int lFile, unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int SMTP_endData(int lSock, unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int SMTP_RSET(int lSock, unsigned int* pulErr) KEMAIL_NOEXCEPT;
+KEMAIL_API int SMTP_QUIT(int lSock, unsigned int* pulErr) KEMAIL_NOEXCEPT;
 KEMAIL_API int SMTP_getSendData(int lFile, char* pBuf, int lSizeKb, const char* pszBoundary,
                                 unsigned int* pulErr) KEMAIL_NOEXCEPT;
 KEMAIL_API int SMTP_getline(const char* pBuf, int lEnd, char* pszLine, int lSize) KEMAIL_NOEXCEPT;
@@ -352,13 +369,15 @@ KEMAIL_API void Cnv_tocode(const char* pszSrc, char* pszDst) KEMAIL_NOEXCEPT;
 
 /* Reply text buffers passed to the Pop3_ functions: at least 256 bytes;
  * a refused reply is copied cut to 255 bytes and a NUL. */
-KEMAIL_API int Pop3_SetTimeOut(unsigned int ulSeconds, TraceHandle* pTrace);
+KEMAIL_API int Pop3_SetTimeOut(unsigned int ulSeconds, TraceHandle* pTrace) KEMAIL_NOEXCEPT;
 KEMAIL_API int Pop3_Connect(const char* pszServer, unsigned int ulPort, int* plErr,
-                            TraceHandle* pTrace);
+                            TraceHandle* pTrace) KEMAIL_NOEXCEPT;
 KEMAIL_API int Pop3_Login(int lSock, const char* pszUser, const char* pszPassword, char* pszReply,
-                          int* plErr, TraceHandle* pTrace);
-KEMAIL_API int Pop3_STAT(int lSock, char* pszReply, int* plErr, TraceHandle* pTrace);
-KEMAIL_API int Pop3_Logout(int lSock, char* pszReply, int* plErr, TraceHandle* pTrace);
+                          int* plErr, TraceHandle* pTrace) KEMAIL_NOEXCEPT;
+KEMAIL_API int Pop3_STAT(int lSock, char* pszReply, int* plErr,
+                         TraceHandle* pTrace) KEMAIL_NOEXCEPT;
+KEMAIL_API int Pop3_Logout(int lSock, char* pszReply, int* plErr,
+                           TraceHandle* pTrace) KEMAIL_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
 /* Private profile (ini) files.                                             */

@@ -1,6 +1,18 @@
-// Building blocks of the POP3 client shared by its connect, I/O and session
-// code. Every helper traces to the handle it is given and stores the failing
-// call's errno (or the resolver's error) in *err, 0 when there is none.
+// The POP3 client used for POP before SMTP: resolve and connect, read the
+// greeting, USER and PASS, STAT, QUIT (RFC 1939 commands only), each command
+// one exchange with a one-line reply ("+OK" and more than three bytes is
+// positive). Every helper traces to the handle it is given and stores the
+// failing call's errno (or the resolver's error) in *err, 0 when there is
+// none. Failures: -1 a system call failed or the peer closed, -17 the reply
+// time-out (g_ulPopTimeOut) ran out, -11 not resolved, -2 not connected,
+// -2/-3/-4/-5/-8 greeting/USER/PASS/STAT/QUIT refused (the server's line is
+// copied to the caller's reply buffer).
+//
+// Deliberate oddities, each labelled as kept where it lives: the PASS line
+// is traced in clear (only the mail log masks it); a literal or looked-up
+// 255.255.255.255 counts as an unknown host (unlike SMTP, which looks the
+// literal up and fails later); the Pop3_0c110..Pop3_0c170 codes have five
+// characters after the underscore.
 #pragma once
 
 #include "kemail.h"
@@ -25,10 +37,11 @@ in_addr_t Pop3_GetAddress(const char* server, int* err, TraceHandle* trace);
 // Sends all length bytes (no time-out). Returns length, or -1.
 int Pop3_Send(int sock, const char* bytes, int length, int* err, TraceHandle* trace);
 
-// Reads one line, one byte per recv, up to and including LF or until size - 1
-// bytes are stored, and NUL-terminates it. Each silence is bounded by
-// g_ulPopTimeOut seconds. Returns the byte count, -1 (system error or the
-// peer closed) or -17 (time-out). On failure buf is not terminated.
+// Reads one line, up to and including LF or until size - 1 bytes are stored,
+// and NUL-terminates it; nothing after the LF is taken from the socket. Each
+// silence is bounded by g_ulPopTimeOut seconds. Returns the byte count, -1
+// (system error or the peer closed) or -17 (time-out). On failure buf is not
+// terminated.
 int Pop3_RecvLine(int sock, char* buf, int size, int* err, TraceHandle* trace);
 
 // Reads one reply line and classifies it: 1 positive ("+OK" and more than
@@ -38,5 +51,38 @@ int Pop3_RecvReply(int sock, char* buf, int size, int* err, TraceHandle* trace);
 // Sets *wait to what remains of timeout seconds since *start (0 when used
 // up); moves *start to now when the clock went back.
 void Pop3_SetWait(struct timeval* wait, time_t* start, unsigned int timeout, TraceHandle* trace);
+
+// A command to send: `length` bytes (-1: it did not fit its buffer and is
+// refused unsent), logged as `logged` when that is given. No bytes: the step
+// only reads (the greeting).
+struct Pop3Command {
+    const char* bytes = nullptr;
+    int length = 0;
+    const char* logged = nullptr;
+};
+
+// The trace codes of one step; codes left null are not written.
+struct Pop3Codes {
+    const char* before = nullptr;  // level 2, before the command is sent
+    // Level 0 when the command was not sent: the result word -1, or the
+    // command's text.
+    const char* not_sent = nullptr;
+    bool not_sent_shows_command = false;
+    const char* sent = nullptr;  // level 2, after the command is logged
+    // Level 0 when no reply was read: the result word, or the line so far.
+    const char* no_reply = nullptr;
+    bool no_reply_shows_line = false;
+    const char* accepted = nullptr;  // level 1
+    const char* refused = nullptr;   // level 0 with the line
+    int refused_result = 0;
+};
+
+// One step: sends the command (if any), logs it as sent, reads the one-line
+// reply, logs it as received. Returns 0 when positive; codes.refused_result
+// when refused, the line then copied into reply_out (KEMAIL_MESSAGE_SIZE
+// bytes, may be null); -1 when the command was not sent; the read's result
+// (-1 or -17) when no reply came. err may be null.
+int pop3_exchange(int sock, const Pop3Command& command, const Pop3Codes& codes, char* reply_out,
+                  int* err, TraceHandle* trace);
 
 }  // namespace kemail

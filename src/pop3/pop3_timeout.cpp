@@ -7,7 +7,7 @@ uint32_t g_ulPopTimeOut = 60;
 
 extern "C" {
 
-KEMAIL_API int Pop3_SetTimeOut(unsigned int ulSeconds, TraceHandle* pTrace) {
+KEMAIL_API int Pop3_SetTimeOut(unsigned int ulSeconds, TraceHandle* pTrace) noexcept {
     kemail::trace(pTrace, 1, "Pop3_Set0000");
     g_ulPopTimeOut = ulSeconds;
     return Twrite(pTrace, 1, "Pop3_SetFFFF", nullptr, 0);

@@ -2,6 +2,7 @@
 
 #include "log/trace_record.h"
 #include "send/send_internal.h"
+#include "util/unique_fd.h"
 
 #include <cerrno>
 #include <cstdint>
@@ -85,6 +86,8 @@ int pop_before_smtp(const MailAuthInfo* auth, char* message) {
     const PopBeforeSmtpInfo* pop =
         auth ? static_cast<const PopBeforeSmtpInfo*>(auth->pSettings) : nullptr;
     if (!pop) return KEMAIL_E_ARGUMENT;
+    // Kept: the whole settings record, password included, is traced at
+    // level 0 (test PopBeforeSmtp.AGoodSessionReturnsZeroAndTracesEveryStep).
     trace_data(g_trace, 0, "BEFORE0010", pop, sizeof *pop);
 
     // strnlen over the whole field: an unterminated field counts as too long.
@@ -125,31 +128,30 @@ int pop_before_smtp(const MailAuthInfo* auth, char* message) {
     }
 
     trace(g_trace, 2, "BEFORE0200");
-    const int sock = Pop3_Connect(pop->szHost, pop->ulPort, &slot, g_trace);
-    if (sock < 0) {
+    // Closed on every way out, after the session's last trace.
+    UniqueFd sock(Pop3_Connect(pop->szHost, pop->ulPort, &slot, g_trace));
+    if (!sock.valid()) {
         trace_word(g_trace, 0, "BEFORE0210", static_cast<uint32_t>(slot));
         put_number(message, static_cast<unsigned>(slot));
         return KEMAIL_E_POP_UNREACHABLE;
     }
 
     trace(g_trace, 2, "BEFORE0300");
-    int result = Pop3_Login(sock, pop->szUser, pop->szPassword, message, &slot, g_trace);
+    int result = Pop3_Login(sock.get(), pop->szUser, pop->szPassword, message, &slot, g_trace);
     if (result < 0) {
         trace_word(g_trace, 0, "BEFORE0310", static_cast<uint32_t>(result));
-        ::close(sock);
         return session_failure(result, slot, message, "BEFORE0315", "BEFORE0330", "BEFORE0320");
     }
 
     trace(g_trace, 2, "BEFORE0400");
-    result = Pop3_STAT(sock, message, &slot, g_trace);
+    result = Pop3_STAT(sock.get(), message, &slot, g_trace);
     if (result < 0) {
         trace_word(g_trace, 0, "BEFORE0410", static_cast<uint32_t>(result));
-        ::close(sock);
         return session_failure(result, slot, message, "BEFORE0415", "BEFORE0430", "BEFORE0420");
     }
 
     trace(g_trace, 2, "BEFORE0500");
-    result = Pop3_Logout(sock, message, &slot, g_trace);
+    result = Pop3_Logout(sock.get(), message, &slot, g_trace);
     if (result < 0) {
         // The mail still goes out: a server that mishandles QUIT has already
         // recorded the log-in.
@@ -158,7 +160,7 @@ int pop_before_smtp(const MailAuthInfo* auth, char* message) {
         message[0] = '\0';
     }
     trace_word(g_trace, 2, "BEFORE0510", static_cast<uint32_t>(result));
-    ::close(sock);
+    sock.reset();  // the connection ends before the wait
 
     wait_after_session(pop->lWait);
     return 0;

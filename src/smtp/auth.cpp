@@ -6,8 +6,10 @@
 #include "smtp/auth_codec.h"
 #include "smtp/smtp.h"
 #include "smtp/smtp_buffers.h"
+#include "util/util.h"
 
 #include <cstring>
+
 
 using kemail::trace;
 using kemail::trace_text;
@@ -23,36 +25,46 @@ constexpr int kNoCommonMechanism = 2;
 
 constexpr char kHiddenPassword[] = "******";
 
+// Every line of an exchange gets a fresh phase clock; a refusal (a reply
+// without the expected digit) gives 3 and the next mechanism is tried.
+// Kept: CRAM-MD5 traces its two replies under the PLAIN codes INPLAN0012 and
+// INPLAN0030 (test AuthDialogue.OnlyCramMd5IsTriedWhenItSucceeds).
+constexpr ExchangeCodes kCramStart{
+    .restarts_clock = true, .not_sent = "INCRAM0005", .no_reply = "INCRAM0010",
+    .reply = "INPLAN0012", .expect = '3', .refused = "INCRAM0015", .refused_result = kRefused};
+// Kept: the response's not-sent trace reuses INCRAM0020, the code that
+// traced the response itself at level 2 (test
+// AuthDialogue.CramResponseNotSentReusesItsTraceCode).
+constexpr ExchangeCodes kCramResponse{
+    .restarts_clock = true, .not_sent = "INCRAM0020", .no_reply = "INCRAM0025",
+    .reply = "INPLAN0030", .expect = '2', .accepted = "INCRAMFFFF", .refused = "INCRAM0040",
+    .refused_result = kRefused};
+constexpr ExchangeCodes kPlain{
+    .restarts_clock = true, .not_sent = "INPLAN0010", .no_reply = "INPLAN0015",
+    .reply = "INPLAN0020", .expect = '2', .accepted = "INPLANFFFF", .refused = "INPLAN0025",
+    .refused_result = kRefused};
+constexpr ExchangeCodes kLoginStart{
+    .restarts_clock = true, .not_sent = "INLGIN0005", .no_reply = "INLGIN0010",
+    .reply = "INLGIN0015", .expect = '3', .refused = "INLGIN0020", .refused_result = kRefused};
+constexpr ExchangeCodes kLoginUser{
+    .restarts_clock = true, .not_sent = "INLGIN0035", .no_reply = "INLGIN0040",
+    .reply = "INLGIN0045", .expect = '3', .refused = "INLGIN0050", .refused_result = kRefused};
+constexpr ExchangeCodes kLoginPassword{
+    .restarts_clock = true, .not_sent = "INLGIN0055", .no_reply = "INLGIN0060",
+    .reply = "INLGIN0065", .expect = '2', .accepted = "INLGINFFFF", .refused = "INLGIN0070",
+    .refused_result = kRefused};
+
 // The credentials as NUL-terminated texts of at most 64 characters, whatever
 // the caller left in the record's fixed fields.
 struct Credentials {
     explicit Credentials(const AuthCertInfo* cert) {
-        copy(user, cert ? cert->szUser : "");
-        copy(password, cert ? cert->szPassword : "");
+        kemail::copy_cut(user, sizeof user, cert ? cert->szUser : "");
+        kemail::copy_cut(password, sizeof password, cert ? cert->szPassword : "");
     }
-    ~Credentials() { std::memset(password, 0, sizeof password); }
+    ~Credentials() { explicit_bzero(password, sizeof password); }
     char user[KEMAIL_MAX_USER + 1];
     char password[KEMAIL_MAX_PASSWORD + 1];
-
-private:
-    template <size_t N>
-    static void copy(char (&dst)[N], const char* src) {
-        const size_t length = strnlen(src, N - 1);
-        std::memcpy(dst, src, length);
-        dst[length] = '\0';
-    }
 };
-
-// Sends one line of an exchange with a fresh phase clock; the mail log gets
-// `logged` (the line itself, or a text that hides the password).
-int send_auth_line(int sock, int length, const char* logged, const char* not_sent_code,
-                   unsigned int* pulErr) {
-    SMTP_SetStartTime();
-    const int result = send_command(sock, length, not_sent_code, pulErr);
-    if (result != 0) return result;
-    MailLogWrite(g_pLogHandle, KEMAIL_LOG_SENT, logged ? logged : s_szSendBuf);
-    return 0;
-}
 
 // A response line "%s\r\n"; the encoded texts always fit the command buffer.
 int format_response(const char* encoded) { return format_command("%s\r\n", encoded); }
@@ -61,7 +73,7 @@ int format_response(const char* encoded) { return format_command("%s\r\n", encod
 
 extern "C" {
 
-KEMAIL_API void SMTP_getAuthMechanisms(const char* pszLine, unsigned int* pulMask) {
+KEMAIL_API void SMTP_getAuthMechanisms(const char* pszLine, unsigned int* pulMask) noexcept {
     trace(g_trace, 1, "GTAINF0000");
     const char* line = pszLine ? pszLine : "";
     trace_text(g_trace, 2, "GTAINF0005", line);
@@ -85,7 +97,7 @@ KEMAIL_API void SMTP_getAuthMechanisms(const char* pszLine, unsigned int* pulMas
 // Tries every mechanism both sides allow, strongest first, on the same
 // connection (no RSET between them), until one is accepted.
 KEMAIL_API int SMTP_authenticate(int lSock, const AuthCertInfo* pstCert, unsigned int ulServerMask,
-                                 unsigned int* pulErr) {
+                                 unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     trace(g_trace, 1, "INIAH0000");
@@ -126,20 +138,13 @@ KEMAIL_API int SMTP_authenticate(int lSock, const AuthCertInfo* pstCert, unsigne
     return kRefused;
 }
 
-KEMAIL_API int SMTP_authCramMd5(int lSock, const AuthCertInfo* pstCert, unsigned int* pulErr) {
+KEMAIL_API int SMTP_authCramMd5(int lSock, const AuthCertInfo* pstCert,
+                                unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     trace(g_trace, 1, "INCRAM0000");
-    int result = send_auth_line(lSock, format_command("AUTH CRAM-MD5\r\n"), nullptr, "INCRAM0005",
-                                pulErr);
+    const int result = exchange(lSock, format_command("AUTH CRAM-MD5\r\n"), kCramStart, pulErr);
     if (result != 0) return result;
-    if ((result = read_reply(lSock, "INCRAM0010", pulErr)) != 0) return result;
-    // This exchange shares two reply codes with PLAIN.
-    log_reply("INPLAN0012");
-    if (s_szRecvBuf[0] != '3') {
-        trace(g_trace, 0, "INCRAM0015");
-        return kRefused;
-    }
 
     // The challenge follows "334 "; a shorter line carries none.
     const ReplyText reply(s_szRecvBuf);
@@ -147,86 +152,49 @@ KEMAIL_API int SMTP_authCramMd5(int lSock, const AuthCertInfo* pstCert, unsigned
     const Credentials credentials(pstCert);
     char response[kemail::auth::kCramOutputSize];
     Auth_GetCertCramString(credentials.user, credentials.password, challenge, response);
+    // Kept: the response, a function of the password, is traced at level 2
+    // (test AuthDialogue.TheTraceCarriesTheAuthStrings).
     trace_text(g_trace, 2, "INCRAM0020", response);
-
-    result = send_auth_line(lSock, format_response(response), kHiddenPassword, "INCRAM0020",
-                            pulErr);
-    if (result != 0) return result;
-    if ((result = read_reply(lSock, "INCRAM0025", pulErr)) != 0) return result;
-    log_reply("INPLAN0030");
-    if (s_szRecvBuf[0] == '2') {
-        trace(g_trace, 1, "INCRAMFFFF");
-        return 0;
-    }
-    trace(g_trace, 0, "INCRAM0040");
-    return kRefused;
+    return exchange(lSock, format_response(response), kCramResponse, pulErr, kHiddenPassword);
 }
 
 // The initial response travels in the command itself.
-KEMAIL_API int SMTP_authPlain(int lSock, const AuthCertInfo* pstCert, unsigned int* pulErr) {
+KEMAIL_API int SMTP_authPlain(int lSock, const AuthCertInfo* pstCert,
+                              unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     trace(g_trace, 1, "INPLAN0000");
     const Credentials credentials(pstCert);
     char encoded[kemail::auth::kPlainOutputSize];
     Auth_GetCertPlainString(credentials.user, credentials.password, encoded);
+    // Kept: the PLAIN string carries the password in base64 and is traced at
+    // level 2 (test AuthDialogue.TheTraceCarriesTheAuthStrings).
     trace_text(g_trace, 2, "INPLAN0005", encoded);
-
-    int result = send_auth_line(lSock, format_command("AUTH PLAIN %s\r\n", encoded),
-                                "AUTH PLAIN ******", "INPLAN0010", pulErr);
-    if (result != 0) return result;
-    if ((result = read_reply(lSock, "INPLAN0015", pulErr)) != 0) return result;
-    log_reply("INPLAN0020");
-    if (s_szRecvBuf[0] == '2') {
-        trace(g_trace, 1, "INPLANFFFF");
-        return 0;
-    }
-    trace(g_trace, 0, "INPLAN0025");
-    return kRefused;
+    return exchange(lSock, format_command("AUTH PLAIN %s\r\n", encoded), kPlain, pulErr,
+                    "AUTH PLAIN ******");
 }
 
 // The server's prompts are not read; only their codes count.
-KEMAIL_API int SMTP_authLogin(int lSock, const AuthCertInfo* pstCert, unsigned int* pulErr) {
+KEMAIL_API int SMTP_authLogin(int lSock, const AuthCertInfo* pstCert,
+                              unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     trace(g_trace, 1, "INLGIN0000");
-    int result =
-        send_auth_line(lSock, format_command("AUTH LOGIN\r\n"), nullptr, "INLGIN0005", pulErr);
+    int result = exchange(lSock, format_command("AUTH LOGIN\r\n"), kLoginStart, pulErr);
     if (result != 0) return result;
-    if ((result = read_reply(lSock, "INLGIN0010", pulErr)) != 0) return result;
-    log_reply("INLGIN0015");
-    if (s_szRecvBuf[0] != '3') {
-        trace(g_trace, 0, "INLGIN0020");
-        return kRefused;
-    }
 
     const Credentials credentials(pstCert);
     char user[kemail::auth::kLoginOutputSize];
     char password[kemail::auth::kLoginOutputSize];
     Auth_GetCertLoginString(credentials.user, credentials.password, user, password);
+    // Kept: the encoded user and password are traced at level 2 (test
+    // AuthDialogue.TheTraceCarriesTheAuthStrings).
     trace_text(g_trace, 2, "INLGIN0025", user);
     trace_text(g_trace, 2, "INLGIN0030", password);
 
-    result = send_auth_line(lSock, format_response(user), nullptr, "INLGIN0035", pulErr);
+    result = exchange(lSock, format_response(user), kLoginUser, pulErr);
     if (result != 0) return result;
-    if ((result = read_reply(lSock, "INLGIN0040", pulErr)) != 0) return result;
-    log_reply("INLGIN0045");
-    if (s_szRecvBuf[0] != '3') {
-        trace(g_trace, 0, "INLGIN0050");
-        return kRefused;
-    }
-
-    result = send_auth_line(lSock, format_response(password), kHiddenPassword, "INLGIN0055",
-                            pulErr);
-    if (result != 0) return result;
-    if ((result = read_reply(lSock, "INLGIN0060", pulErr)) != 0) return result;
-    log_reply("INLGIN0065");
-    if (s_szRecvBuf[0] == '2') {
-        trace(g_trace, 1, "INLGINFFFF");
-        return 0;
-    }
-    trace(g_trace, 0, "INLGIN0070");
-    return kRefused;
+    return exchange(lSock, format_response(password), kLoginPassword, pulErr, kHiddenPassword);
 }
 
 }  // extern "C"

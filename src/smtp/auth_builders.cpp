@@ -5,6 +5,7 @@
 #include "log/trace_record.h"
 #include "smtp/auth_codec.h"
 #include "util/format.h"
+#include "util/util.h"
 
 #include <cstring>
 
@@ -17,11 +18,10 @@ namespace {
 
 const char* or_empty(const char* text) { return text ? text : ""; }
 
-// Copies at most `max` bytes of text to dst and returns how many.
+// Copies at most `max` bytes of text to dst, NUL behind them, and returns
+// how many; dst has room for max + 1 bytes.
 size_t copy_bounded(unsigned char* dst, const char* text, size_t max) {
-    const size_t length = strnlen(text, max);
-    std::memcpy(dst, text, length);
-    return length;
+    return kemail::copy_cut(reinterpret_cast<char*>(dst), max + 1, text);
 }
 
 }  // namespace
@@ -29,6 +29,9 @@ size_t copy_bounded(unsigned char* dst, const char* text, size_t max) {
 extern "C" {
 
 // user NUL user NUL password: the authorisation identity is the user itself.
+// Kept: the password is traced at level 2 (AHPLA0010, like AHLGIN0010 and
+// AHCRAM0010), and the exit AHPLAFFFF at level 2 rather than 1 (test
+// AuthBuilders.TracesCarryTheDiagnosticTexts).
 KEMAIL_API int Auth_GetCertPlainString(const char* pszUser, const char* pszPassword,
                                        char* pszOut) noexcept {
     pszUser = or_empty(pszUser);
@@ -46,7 +49,7 @@ KEMAIL_API int Auth_GetCertPlainString(const char* pszUser, const char* pszPassw
     work[length++] = '\0';
     length += copy_bounded(work + length, pszPassword, kPlainPasswordMax);
     Auth_Base64Encode(work, pszOut, static_cast<int>(length));
-    std::memset(work, 0, sizeof work);
+    explicit_bzero(work, sizeof work);
 
     trace(g_trace, 2, "AHPLAFFFF");
     return 0;
@@ -66,7 +69,7 @@ KEMAIL_API int Auth_GetCertLoginString(const char* pszUser, const char* pszPassw
     const size_t password_length = copy_bounded(password, pszPassword, kLoginInputMax);
     Auth_Base64Encode(user, pszOutUser, static_cast<int>(user_length));
     Auth_Base64Encode(password, pszOutPassword, static_cast<int>(password_length));
-    std::memset(password, 0, sizeof password);
+    explicit_bzero(password, sizeof password);
 
     trace(g_trace, 2, "AHLGIN0015");
     trace(g_trace, 1, "AHLGINFFFF");

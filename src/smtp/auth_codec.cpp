@@ -2,6 +2,7 @@
 // apart from the composition's encoder) and HMAC-MD5 (RFC 2104).
 #include "kemail.h"
 #include "smtp/auth_codec.h"
+#include "util/util.h"
 
 #include <cstring>
 
@@ -51,8 +52,7 @@ KEMAIL_API int Auth_Base64Decode(unsigned char* pOut, const char* pszIn, int lLe
     size_t length = lLength > 0 && pszIn ? static_cast<size_t>(lLength) : 0;
     if (length > kemail::auth::kDecodeInputMax) length = kemail::auth::kDecodeInputMax;
     if (length > 0) length = strnlen(pszIn, length);
-    std::memcpy(text, pszIn ? pszIn : "", length);
-    text[length] = '\0';
+    kemail::copy_cut(text, length + 1, pszIn ? pszIn : "");
     if (length >= 2 && text[length - 2] == '\r' && text[length - 1] == '\n') {
         length -= 2;
         text[length] = '\0';
@@ -76,7 +76,7 @@ KEMAIL_API int Auth_Base64Decode(unsigned char* pOut, const char* pszIn, int lLe
 }
 
 KEMAIL_API void hmac_md5(const unsigned char* pText, int lTextLen, const unsigned char* pKey,
-                         int lKeyLen, unsigned char digest[16]) {
+                         int lKeyLen, unsigned char digest[16]) noexcept {
     if (lTextLen < 0) lTextLen = 0;
     if (lKeyLen < 0) lKeyLen = 0;
     unsigned char key_digest[16];

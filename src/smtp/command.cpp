@@ -1,11 +1,11 @@
-// The steps every SMTP command shares: forming the line in the command
-// buffer, sending it, reading the reply and logging it.
+// The exchange every SMTP command goes through: forming the line in the
+// command buffer, sending it, reading the reply, logging and judging it.
 #include "smtp/smtp.h"
 
 #include "log/trace_record.h"
+#include "util/format.h"
 
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
 
 namespace kemail::smtp {
@@ -22,12 +22,9 @@ ReplyText::ReplyText(const char* buf, size_t size) {
 int format_command(const char* format, ...) {
     va_list args;
     va_start(args, format);
-    const int length = std::vsnprintf(s_szSendBuf, sizeof s_szSendBuf, format, args);
+    const int length = vformat_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Refuse, format,
+                                    args);
     va_end(args);
-    if (length < 0 || static_cast<size_t>(length) >= sizeof s_szSendBuf) {
-        s_szSendBuf[0] = '\0';
-        return -1;
-    }
     return length;
 }
 
@@ -37,16 +34,44 @@ void log_reply(const char* trace_code) {
     trace_data(g_trace, 2, trace_code, reply.text, reply.length);
 }
 
-int send_command(int sock, int length, const char* not_sent_code, unsigned int* pulErr) {
-    const int result = SMTP_send(sock, s_szSendBuf, length, pulErr);
-    if (result != 0) trace_word(g_trace, 0, not_sent_code, *pulErr);
-    return result;
-}
+int exchange(int sock, int length, const ExchangeCodes& codes, unsigned int* pulErr,
+             const char* logged) {
+    if (codes.restarts_clock) SMTP_SetStartTime();
+    int result = SMTP_send(sock, s_szSendBuf, length, pulErr);
+    if (result != 0) {
+        trace_word(g_trace, 0, codes.not_sent, *pulErr);
+        return result;
+    }
+    MailLogWrite(g_pLogHandle, KEMAIL_LOG_SENT, logged ? logged : s_szSendBuf);
+    if (codes.sent) {
+        if (codes.sent_length > 0) {
+            trace_data(g_trace, codes.sent_level, codes.sent, s_szSendBuf, codes.sent_length);
+        } else {
+            trace_text(g_trace, codes.sent_level, codes.sent, s_szSendBuf);
+        }
+    }
+    if (!codes.reply) return 0;
 
-int read_reply(int sock, const char* no_reply_code, unsigned int* pulErr) {
-    const int result = SMTP_returnMessage(sock, s_szRecvBuf, KEMAIL_RECV_BUF_SIZE, pulErr);
-    if (result != 0) trace_word(g_trace, 0, no_reply_code, *pulErr);
-    return result;
+    result = SMTP_returnMessage(sock, s_szRecvBuf, KEMAIL_RECV_BUF_SIZE, pulErr);
+    if (result != 0) {
+        if (!codes.no_reply) return 0;
+        trace_word(g_trace, 0, codes.no_reply, *pulErr);
+        return result;
+    }
+    log_reply(codes.reply);
+    if (codes.expect == '\0') return 0;
+    if (s_szRecvBuf[0] == codes.expect) {
+        if (codes.accepted) trace(g_trace, 1, codes.accepted);
+        return 0;
+    }
+    // A refusal is no system error (a reply that was read left the word 0).
+    *pulErr = 0;
+    if (codes.refused_word) {
+        trace_word(g_trace, codes.refused_level, codes.refused, *pulErr);
+    } else {
+        trace(g_trace, codes.refused_level, codes.refused);
+    }
+    return codes.refused_result;
 }
 
 }  // namespace kemail::smtp

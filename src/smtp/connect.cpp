@@ -1,17 +1,15 @@
 // From a server name and port to a connected IPv4 TCP socket.
 #include "kemail.h"
 #include "log/trace_record.h"
+#include "net/net.h"
 
-#include <cerrno>
 #include <cstring>
 
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 using kemail::trace;
 using kemail::trace_data;
@@ -21,17 +19,24 @@ using kemail::trace_word;
 namespace {
 
 constexpr unsigned int kResolveFailed = 0xFFFFFFFFu;
-constexpr int kLookupTries = 5;
-// Connection refusals retried one second apart (6 attempts in all).
-constexpr int kRefusalRetries = 5;
 constexpr uint16_t kDefaultSmtpPort = 25;
 
 constexpr int kSocketFailed = -1;
 constexpr int kConnectFailed = -2;
 constexpr int kNameNotResolved = -5;
 
-// The port of the SMTP service in network byte order. The upper-case service
-// name is tried first, deliberately; without either entry the port is 25.
+constexpr kemail::net::ResolveCodes kResolveCodes{
+    .start = "getsmtp0000", .literal = "getsmtp0010", .busy = "getsmtp0020",
+    .answered = "getsmtp0040", .resolved = "getsmtpFFFF"};
+
+// A refusing server is tried 6 times in all, one second apart.
+constexpr kemail::net::ConnectCodes kConnectCodes{
+    .attempt_failed = "smtp0040", .retrying = "smtp0022", .refused_retries = 5};
+
+// The port of the SMTP service in network byte order; without either entry
+// the port is 25.
+// Kept: the upper-case service name "SMTP" is looked up first (test
+// Connect.PortZeroTriesTheUpperCaseServiceFirst).
 uint16_t smtp_service_port() {
     struct servent entry;
     struct servent* found = nullptr;
@@ -50,74 +55,34 @@ uint16_t smtp_service_port() {
     return htons(kDefaultSmtpPort);
 }
 
-// connect(), completing an interrupted attempt instead of failing it: the
-// kernel goes on connecting after EINTR (a second connect would only answer
-// EALREADY), so wait for the outcome and fetch it. 0, or -1 with errno.
-int connect_completed(int sock, const struct sockaddr_in& peer) {
-    if (connect(sock, reinterpret_cast<const struct sockaddr*>(&peer), sizeof peer) == 0) return 0;
-    if (errno != EINTR) return -1;
-    struct pollfd p = {sock, POLLOUT, 0};
-    while (poll(&p, 1, -1) < 0) {
-        if (errno != EINTR) return -1;
-    }
-    int error = 0;
-    socklen_t length = sizeof error;
-    if (getsockopt(sock, SOL_SOCKET, SO_ERROR, &error, &length) != 0) return -1;
-    if (error == 0) return 0;
-    errno = error;
-    return -1;
-}
-
 }  // namespace
 
 extern "C" {
 
-// A dotted address is taken as it is (so 255.255.255.255, which reads as the
-// failure value, goes on to the name lookup); a name is looked up with up to
-// five tries while the resolver answers TRY_AGAIN.
-KEMAIL_API unsigned int SMTP_resolveHost(const char* pszName, unsigned int* pulErr) {
+// A dotted address is taken as it is; a name is looked up with up to five
+// tries while the resolver answers TRY_AGAIN.
+// Kept: a literal 255.255.255.255 reads as the failure value, so it is looked
+// up as a name; the resolver answers with that same address, traced as
+// resolved, and the caller then fails as unresolved (POP3 refuses it as an
+// unknown host instead) (test Connect.AllOnesIsLookedUpAsANameAndGivesMinus5).
+KEMAIL_API unsigned int SMTP_resolveHost(const char* pszName, unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
-    const char* name = pszName ? pszName : "";
-    trace(g_trace, 1, "getsmtp0000");
-    const in_addr_t literal = inet_addr(name);
-    if (literal != kResolveFailed) {
-        trace_word(g_trace, 1, "getsmtp0010", literal);
-        return literal;
+    const kemail::net::Resolved resolved = kemail::net::resolve_ipv4(
+        pszName ? pszName : "", kResolveCodes, kemail::net::Answer::TakenAsGiven, g_trace);
+    if (resolved.error != 0) {
+        *pulErr = static_cast<unsigned int>(resolved.error);
+        MailLogSysErrWrite(g_pLogHandle, "gethostbyname_r", 0, resolved.error, nullptr);
+        trace_word(g_trace, 0, "getsmtp0030", static_cast<uint32_t>(resolved.error));
+        return kResolveFailed;
     }
-
-    for (int attempt = 1;; ++attempt) {
-        struct hostent entry;
-        struct hostent* found = nullptr;
-        char work[1024];
-        int lookup_error = 0;
-        const int result = gethostbyname_r(name, &entry, work, sizeof work, &found, &lookup_error);
-        if (result == 0 && found) {
-            trace(g_trace, 2, "getsmtp0040");
-            unsigned int address = kResolveFailed;
-            if (found->h_addr_list && found->h_addr_list[0] && found->h_length >= 4) {
-                std::memcpy(&address, found->h_addr_list[0], sizeof address);
-            }
-            trace_word(g_trace, 1, "getsmtpFFFF", address);
-            return address;
-        }
-        // A name without an entry leaves lookup_error at HOST_NOT_FOUND; a
-        // work buffer too small for the entry reports ERANGE in the result.
-        if (lookup_error == 0) lookup_error = result != 0 ? result : HOST_NOT_FOUND;
-        if (lookup_error != TRY_AGAIN || attempt >= kLookupTries) {
-            *pulErr = static_cast<unsigned int>(lookup_error);
-            MailLogSysErrWrite(g_pLogHandle, "gethostbyname_r", 0, lookup_error, nullptr);
-            trace_word(g_trace, 0, "getsmtp0030", static_cast<uint32_t>(lookup_error));
-            return kResolveFailed;
-        }
-        trace(g_trace, 2, "getsmtp0020");
-        sleep(1);
-    }
+    return resolved.address;
 }
 
 // The connection phase's time-out starts here and covers the greeting and
 // EHLO/HELO that follow; connect itself is not bounded by it.
-KEMAIL_API int SMTP_connect(const char* pszName, unsigned int ulPort, unsigned int* pulErr) {
+KEMAIL_API int SMTP_connect(const char* pszName, unsigned int ulPort,
+                            unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     const char* name = pszName ? pszName : "";
@@ -130,51 +95,35 @@ KEMAIL_API int SMTP_connect(const char* pszName, unsigned int ulPort, unsigned i
         trace_word(g_trace, 0, "smtp0010", *pulErr);
         return kNameNotResolved;
     }
-    const uint16_t port = ulPort != 0 ? htons(static_cast<uint16_t>(ulPort)) : smtp_service_port();
-
     struct sockaddr_in peer;
     std::memset(&peer, 0, sizeof peer);
     peer.sin_family = AF_INET;
-    peer.sin_port = port;
+    peer.sin_port = ulPort != 0 ? htons(static_cast<uint16_t>(ulPort)) : smtp_service_port();
     peer.sin_addr.s_addr = address;
 
-    int connect_result = 0;
-    int connect_error = 0;
-    int sock = -1;
-    for (int retries = 0;;) {
-        // Close-on-exec: the session's socket must not leak into programs
-        // the calling agent starts.
-        sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (sock < 0) {
-            const int error = errno;
-            *pulErr = static_cast<unsigned int>(error);
-            MailLogSysErrWrite(g_pLogHandle, "socket", sock, error, nullptr);
-            trace_word(g_trace, 0, "smtp0020", static_cast<uint32_t>(error));
-            return kSocketFailed;
-        }
-        connect_result = connect_completed(sock, peer);
-        connect_error = errno;
-        if (connect_result == 0) {
-            // Every command goes out in one send and waits for its reply, so
-            // Nagle's delay could only hold a short command (the end-of-data
-            // mark after the message) back until the peer's delayed ACK.
-            const int on = 1;
-            setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-            trace_data(g_trace, 2, "smtp0021", &peer, sizeof peer);
-            trace_word(g_trace, 1, "smtp0050", static_cast<uint32_t>(sock));
-            *pulErr = 0;
-            return sock;
-        }
-        trace_word(g_trace, 0, "smtp0040", static_cast<uint32_t>(connect_error));
-        if (connect_error != ECONNREFUSED || ++retries > kRefusalRetries) break;
-        trace(g_trace, 2, "smtp0022");
-        sleep(1);
-        close(sock);
+    const kemail::net::Connection connection = kemail::net::connect_ipv4(peer, kConnectCodes,
+                                                                         g_trace);
+    if (connection.sock >= 0) {
+        // Every command goes out in one send and waits for its reply, so
+        // Nagle's delay could only hold a short command (the end-of-data
+        // mark after the message) back until the peer's delayed ACK.
+        const int on = 1;
+        setsockopt(connection.sock, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        trace_data(g_trace, 2, "smtp0021", &peer, sizeof peer);
+        trace_word(g_trace, 1, "smtp0050", static_cast<uint32_t>(connection.sock));
+        *pulErr = 0;
+        return connection.sock;
     }
-    *pulErr = static_cast<unsigned int>(connect_error);
-    close(sock);
-    MailLogSysErrWrite(g_pLogHandle, "connect", connect_result, connect_error, nullptr);
-    trace_word(g_trace, 0, "smtp0050", static_cast<uint32_t>(connect_error));
+    *pulErr = static_cast<unsigned int>(connection.error);
+    if (connection.failed == kemail::net::Failed::Socket) {
+        MailLogSysErrWrite(g_pLogHandle, "socket", connection.result, connection.error, nullptr);
+        trace_word(g_trace, 0, "smtp0020", *pulErr);
+        return kSocketFailed;
+    }
+    MailLogSysErrWrite(g_pLogHandle, "connect", connection.result, connection.error, nullptr);
+    // Kept: the give-up trace reuses smtp0050, the success code, at level 0
+    // with errno (test Connect.ARefusingServerIsTriedSixTimesThenMinus2WithErrno111).
+    trace_word(g_trace, 0, "smtp0050", *pulErr);
     return kConnectFailed;
 }
 

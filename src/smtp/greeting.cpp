@@ -4,6 +4,7 @@
 #include "log/trace_record.h"
 #include "smtp/smtp.h"
 #include "smtp/smtp_buffers.h"
+#include "util/util.h"
 
 #include <cerrno>
 #include <cstring>
@@ -27,29 +28,28 @@ bool wants_smtp_auth(const MailAuthInfo* auth) {
     return auth && auth->SmtpAuthMode == KEMAIL_AUTH_SMTP;
 }
 
+// Kept: "smtp0150" here means "authentication wanted but only HELO
+// accepted", while SMTP_MAIL uses it for "no reply to MAIL" (test
+// Greeting.AuthenticationWantedButOnlyHeloGives2WithoutAuth).
+constexpr ExchangeCodes kHelo{
+    .restarts_clock = true, .not_sent = "smtp0125", .sent = "smtp0128", .no_reply = "smtp0130",
+    .reply = "smtp0135", .expect = '2', .refused = "smtp0140", .refused_result = kHeloRefused};
+// The EHLO reply is read line by line by SMTP_readEhloReply.
+constexpr ExchangeCodes kEhlo{.not_sent = "smtp0121A"};
+
 // EHLO refused: introduce the client with HELO instead. Without EHLO there
 // is no AUTH, so a caller who demanded it gets 2.
 int introduce_with_helo(int sock, const char* host, const MailAuthInfo* auth,
                         unsigned int* pulErr) {
     trace(g_trace, 0, "smtp0121V");
-    SMTP_SetStartTime();
-    const int length = format_command("HELO %s\r\n", host);
-    int result = send_command(sock, length, "smtp0125", pulErr);
+    const int result = exchange(sock, format_command("HELO %s\r\n", host), kHelo, pulErr);
     if (result != 0) return result;
-    MailLogWrite(g_pLogHandle, KEMAIL_LOG_SENT, s_szSendBuf);
-    trace_text(g_trace, 2, "smtp0128", s_szSendBuf);
-    if ((result = read_reply(sock, "smtp0130", pulErr)) != 0) return result;
-    log_reply("smtp0135");
-    if (s_szRecvBuf[0] == '2') {
-        if (wants_smtp_auth(auth)) {
-            trace(g_trace, 0, "smtp0150");
-            return kAuthImpossible;
-        }
-        trace(g_trace, 1, "smtp01FF");
-        return 0;
+    if (wants_smtp_auth(auth)) {
+        trace(g_trace, 0, "smtp0150");
+        return kAuthImpossible;
     }
-    trace(g_trace, 0, "smtp0140");
-    return kHeloRefused;
+    trace(g_trace, 1, "smtp01FF");
+    return 0;
 }
 
 }  // namespace
@@ -59,7 +59,7 @@ extern "C" {
 // Reads the EHLO reply line by line: every line must begin with '2', and the
 // last line announcing "AUTH " (as "250-AUTH ..." or "250 AUTH ...") is kept
 // in the capability buffer, which holds KEMAIL_RECV_BUF_SIZE bytes.
-KEMAIL_API int SMTP_readEhloReply(int lSock, char* pszCapability, unsigned int* pulErr) {
+KEMAIL_API int SMTP_readEhloReply(int lSock, char* pszCapability, unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     trace(g_trace, 1, "AUTHR0000");
@@ -73,19 +73,18 @@ KEMAIL_API int SMTP_readEhloReply(int lSock, char* pszCapability, unsigned int* 
         }
         const ReplyText line(s_szRecvBuf);
         MailLogWrite(g_pLogHandle, KEMAIL_LOG_RECEIVED, line.text);
+        // Kept: one line of the reply that does not begin with '2' refuses
+        // the whole EHLO, even after 250 lines (test
+        // Greeting.A500LineAfter250FallsBackToHelo).
         if (s_szRecvBuf[0] != '2') {
             trace_data(g_trace, 0, "AUTHR0010", line.text, line.length);
             refused = true;
         }
         if (std::strncmp(s_szRecvBuf + 4, "AUTH ", 5) == 0) {
-            if (pszCapability) {
-                // A line that filled the reply buffer is cut by one byte
-                // here to keep the capability text terminated.
-                const size_t kept = line.length < KEMAIL_RECV_BUF_SIZE ? line.length
-                                                                       : KEMAIL_RECV_BUF_SIZE - 1;
-                std::memcpy(pszCapability, line.text, kept);
-                pszCapability[kept] = '\0';
-            }
+            // A line that filled the reply buffer is cut by one byte here to
+            // keep the capability text terminated (test
+            // Greeting.AnAuthLineThatFillsTheBufferIsCutToStayTerminated).
+            kemail::copy_cut(pszCapability, KEMAIL_RECV_BUF_SIZE, line.text);
             trace_data(g_trace, 2, "AUTHR0015", line.text, line.length);
         }
         if (s_szRecvBuf[3] != '-') {
@@ -97,12 +96,18 @@ KEMAIL_API int SMTP_readEhloReply(int lSock, char* pszCapability, unsigned int* 
             trace(g_trace, 0, "AUTHR0025");
             return 1;
         }
-        // Every continuation line gets the whole time-out again.
+        // Kept: every continuation line gets the whole time-out again, and
+        // their number is not capped (test
+        // Greeting.EveryEhloContinuationLineRestartsThePhaseClock). A server
+        // can hold the session as long as it keeps sending lines, as it could
+        // with the data of any reply; each line is bounded by the reply
+        // buffer and each silence by the phase time-out, so nothing grows.
         SMTP_SetStartTime();
     }
 }
 
-KEMAIL_API int SMTP_initialize(int lSock, const MailAuthInfo* pstAuth, unsigned int* pulErr) {
+KEMAIL_API int SMTP_initialize(int lSock, const MailAuthInfo* pstAuth,
+                               unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     trace(g_trace, 1, "smtp0100");
@@ -138,9 +143,8 @@ KEMAIL_API int SMTP_initialize(int lSock, const MailAuthInfo* pstAuth, unsigned 
     }
 
     // The host name goes out exactly as gethostname gives it.
-    result = send_command(lSock, format_command("EHLO %s\r\n", host), "smtp0121A", pulErr);
+    result = exchange(lSock, format_command("EHLO %s\r\n", host), kEhlo, pulErr);
     if (result != 0) return result;
-    MailLogWrite(g_pLogHandle, KEMAIL_LOG_SENT, s_szSendBuf);
 
     result = SMTP_readEhloReply(lSock, capability, pulErr);
     if (result < 0) {

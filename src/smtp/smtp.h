@@ -1,5 +1,20 @@
-// Helpers shared by the SMTP session's commands: bounded command formatting,
-// reply text that is safe to log, and the internal result codes.
+// The SMTP session's internal API: the exchange every command goes through,
+// bounded command formatting, reply text that is safe to log, and the
+// internal result codes.
+//
+// The session speaks plain SMTP over one IPv4 TCP socket: resolve and
+// connect, greeting, EHLO (HELO when refused), AUTH, MAIL/RCPT/DATA, RSET,
+// QUIT. Every command is one exchange (send, log, read the whole reply, log,
+// judge its first character); a failure returns the transport's negative
+// result (-3 send, -4 receive, -6 time-out) with errno in the error word, a
+// refusal the command's own code (-21..-28, or 3 for a refused AUTH
+// mechanism), and the socket is always left open for the driver.
+//
+// Deliberate oddities, each labelled as kept where it lives: the trace gets
+// the AUTH strings and the password-bearing responses at level 2 (only the
+// mail log masks them); CRAM-MD5 reuses two PLAIN trace codes; every EHLO
+// continuation line restarts the phase clock; a literal 255.255.255.255 is
+// looked up as a name and then fails as unresolved.
 #pragma once
 
 #include "kemail.h"
@@ -42,21 +57,50 @@ struct ReplyText {
     size_t length;
 };
 
-// Formats a command line into s_szSendBuf; its length, or -1 when it would
-// not fit whole (a cut command line would lose its CR LF).
+// Formats a command line into s_szSendBuf; its length, or -1 (and an empty
+// buffer) when it would not fit whole: a cut command line would lose its
+// CR LF or name another mailbox.
 int format_command(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // Writes the last reply in s_szRecvBuf to the mail log as received and traces
 // it at level 2 under the given code.
 void log_reply(const char* trace_code);
 
-// The command pattern's send step: sends `length` bytes of s_szSendBuf.
-// On failure traces `not_sent_code` at level 0 with the error word.
-int send_command(int sock, int length, const char* not_sent_code, unsigned int* pulErr);
+// The trace codes and the judgement of one command's exchange. Codes left
+// null are not written.
+struct ExchangeCodes {
+    // Restart the phase clock right before sending (AUTH steps, HELO, RSET);
+    // the other commands start their phase themselves.
+    bool restarts_clock = false;
+    // Level 0 with the error word when the line could not be sent.
+    const char* not_sent = nullptr;
+    // The line as sent: sent_length bytes of it, or its text when 0.
+    const char* sent = nullptr;
+    unsigned sent_level = 2;
+    size_t sent_length = 0;
+    // Level 0 with the error word when no reply could be read. Null with a
+    // reply code: a missing reply is no failure (QUIT).
+    const char* no_reply = nullptr;
+    // Level 2 with the reply. Null: the reply is not read here (EHLO, whose
+    // reply SMTP_readEhloReply reads line by line).
+    const char* reply = nullptr;
+    // The first character of an accepted reply; '\0' leaves it unjudged.
+    char expect = '\0';
+    const char* accepted = nullptr;  // level 1
+    const char* refused = nullptr;
+    unsigned refused_level = 0;
+    bool refused_word = false;  // the refusal trace carries the error word (0)
+    int refused_result = 0;
+};
 
-// The command pattern's read step: reads a whole reply into s_szRecvBuf. On
-// failure traces `no_reply_code` at level 0 with the error word.
-int read_reply(int sock, const char* no_reply_code, unsigned int* pulErr);
+// The exchange every SMTP command goes through: sends `length` bytes of
+// s_szSendBuf, writes `logged` (the line itself when null; a text that hides
+// the password otherwise) to the mail log as sent, reads the whole reply into
+// s_szRecvBuf, logs it as received and judges its first character. Returns 0
+// when accepted (or not judged), codes.refused_result when refused (the
+// error word then 0), or the transport's negative result.
+int exchange(int sock, int length, const ExchangeCodes& codes, unsigned int* pulErr,
+             const char* logged = nullptr);
 
 // Holds message data back while it streams, so that it leaves in full
 // segments although the session runs with TCP_NODELAY; removing the cork

@@ -27,27 +27,29 @@ time_t now_clamped() {
 
 extern "C" {
 
-KEMAIL_API void SMTP_SetTimeOutInfo(const SmtpTimeOut* pstTimeOut) {
+KEMAIL_API void SMTP_SetTimeOutInfo(const SmtpTimeOut* pstTimeOut) noexcept {
     trace(g_trace, 1, "SETTIME0000");
     if (pstTimeOut) g_stMailTimeout = *pstTimeOut;
     trace(g_trace, 1, "SETTIMEFFFF");
 }
 
-KEMAIL_API void SMTP_SetTimeOut(unsigned int ulSeconds) {
+KEMAIL_API void SMTP_SetTimeOut(unsigned int ulSeconds) noexcept {
     trace(g_trace, 1, "SETIMEO0000");
     g_ulTimeOut = ulSeconds;
     trace(g_trace, 1, "SETIMEOFFFF");
 }
 
-KEMAIL_API void SMTP_SetStartTime(void) {
+KEMAIL_API void SMTP_SetStartTime(void) noexcept {
     trace(g_trace, 1, "SETSTART0000");
     g_tStartTime = time(nullptr);
     trace(g_trace, 1, "SETSTARTFFFF");
 }
 
-KEMAIL_API int SMTP_CheckOverTimeOut(void) {
+KEMAIL_API int SMTP_CheckOverTimeOut(void) noexcept {
     trace(g_trace, 1, "CHKOVER0000");
     const long long elapsed = static_cast<long long>(now_clamped() - g_tStartTime);
+    // Kept: elapsed equal to the time-out already counts as over (test
+    // TimeOut.ElapsedEqualToTheTimeOutCountsAsOver).
     if (elapsed < static_cast<long long>(g_ulTimeOut)) {
         trace(g_trace, 1, "CHKOVERFFFF");
         return 0;
@@ -56,7 +58,7 @@ KEMAIL_API int SMTP_CheckOverTimeOut(void) {
     return -6;
 }
 
-KEMAIL_API void SMTP_GetSelectTimeOut(struct timeval* pstTimeVal) {
+KEMAIL_API void SMTP_GetSelectTimeOut(struct timeval* pstTimeVal) noexcept {
     trace(g_trace, 1, "GETSLCT0000");
     const time_t now = now_clamped();
     const long long left = static_cast<long long>(g_ulTimeOut) - (now - g_tStartTime);
@@ -73,9 +75,11 @@ KEMAIL_API void SMTP_GetSelectTimeOut(struct timeval* pstTimeVal) {
     trace(g_trace, 1, "GETSLCTFFFF");
 }
 
-// Hours east of UTC, truncated toward zero (+5:30 gives 5): the UTC fields
-// read back as local time differ from the local fields by the zone offset.
-KEMAIL_API int SMTP_GetTimeDifference(void) {
+// Hours east of UTC: the UTC fields read back as local time differ from the
+// local fields by the zone offset.
+// Kept: whole hours truncated toward zero, so +5:30 gives 5 and -3:30 gives
+// -3 (test TimeDifference.WholeHoursEastOfUtcTruncatedTowardZero).
+KEMAIL_API int SMTP_GetTimeDifference(void) noexcept {
     trace(g_trace, 1, "GETDIFF0000");
     struct tm split;
     std::memset(&split, 0, sizeof split);

@@ -4,6 +4,7 @@
 #include "log/trace_record.h"
 #include "smtp/smtp.h"
 #include "smtp/smtp_buffers.h"
+#include "util/util.h"
 
 #include <cerrno>
 #include <cstring>
@@ -14,7 +15,6 @@
 #include <unistd.h>
 
 using kemail::trace;
-using kemail::trace_data;
 using kemail::trace_text;
 using kemail::trace_word;
 using namespace kemail::smtp;
@@ -25,25 +25,37 @@ namespace {
 constexpr size_t kRecipientSize = 304;
 constexpr unsigned int kQuitTimeOut = 300;
 
-// Sends the line in s_szSendBuf and reads the reply, logging both; the sent
-// line is traced when `sent_code` is given (with `traced_length` bytes, or
-// the line's text when 0).
-int run_command(int sock, int length, const char* not_sent_code, const char* sent_code,
-                size_t traced_length, unsigned trace_level, const char* no_reply_code,
-                const char* reply_code, unsigned int* pulErr) {
-    int result = send_command(sock, length, not_sent_code, pulErr);
-    if (result != 0) return result;
-    MailLogWrite(g_pLogHandle, KEMAIL_LOG_SENT, s_szSendBuf);
-    if (sent_code) {
-        if (traced_length > 0) {
-            trace_data(g_trace, trace_level, sent_code, s_szSendBuf, traced_length);
-        } else {
-            trace_text(g_trace, trace_level, sent_code, s_szSendBuf);
-        }
-    }
-    if ((result = read_reply(sock, no_reply_code, pulErr)) != 0) return result;
-    log_reply(reply_code);
-    return 0;
+// Kept: a refused sender is traced (smtp0160) at level 2, not 0 (test
+// Transaction.ARefusedSenderGivesMinus22).
+constexpr ExchangeCodes kMailFrom{
+    .not_sent = "smtp0145", .sent = "smtp0148", .no_reply = "smtp0150", .reply = "smtp0155",
+    .expect = '2', .refused = "smtp0160", .refused_level = 2, .refused_result = kMailRefused};
+constexpr ExchangeCodes kRcptTo{
+    .not_sent = "smtp0165", .sent = "smtp0167", .no_reply = "smtp0170", .reply = "smtp0185",
+    .expect = '2', .refused = "smtp0190", .refused_result = kRcptRefused};
+// Kept: the sent trace carries the command and its NUL (test
+// Transaction.DataAnswered250GivesMinus24).
+constexpr ExchangeCodes kData{
+    .not_sent = "smtp0205", .sent = "smtp0208", .sent_length = 7, .no_reply = "smtp0210",
+    .reply = "smtp0215", .expect = '3', .accepted = "smtp02FF", .refused = "smtp0220",
+    .refused_word = true, .refused_result = kDataRefused};
+// Kept: the mark's sent trace is written at level 0 and carries the mark and
+// its NUL (test Transaction.TheStagedFileGoesOutAsItIsAndTheMarkEndsIt).
+constexpr ExchangeCodes kEndOfData{
+    .not_sent = "smtp0405", .sent = "smtp0408", .sent_level = 0, .sent_length = 6,
+    .no_reply = "smtp0410", .reply = "smtp0415", .expect = '2', .accepted = "smtp04FF",
+    .refused = "smtp0420", .refused_word = true, .refused_result = kMessageRefused};
+// Keeps the current phase's time-out; only the clock restarts.
+constexpr ExchangeCodes kRset{
+    .restarts_clock = true, .not_sent = "RSET0005", .no_reply = "RSET0010", .reply = "RSET0015",
+    .expect = '2', .accepted = "RSETFFFF", .refused = "RSET0020", .refused_result = kRsetRefused};
+// No no-reply code: the reply to QUIT is read but neither required nor judged.
+constexpr ExchangeCodes kQuit{
+    .not_sent = "smtp0410-2", .sent = "smtp0420-2", .sent_length = 7, .reply = "smtp0430-2"};
+
+void start_phase(unsigned int seconds) {
+    SMTP_SetTimeOut(seconds);
+    SMTP_SetStartTime();
 }
 
 // A line that does not fit the command buffer is not sent at all.
@@ -53,7 +65,6 @@ int refuse_long_command(const char* code, unsigned int* pulErr) {
     return kCommandTooLong;
 }
 
-
 }  // namespace
 
 extern "C" {
@@ -62,24 +73,16 @@ extern "C" {
 // it stands (blanks are kept, an empty piece gives an empty path). The first
 // refused recipient ends the transaction; the rest are not tried.
 KEMAIL_API int SMTP_MAIL(int lSock, const char* pszFrom, const char* pszTo,
-                         unsigned int* pulErr) {
+                         unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     const char* recipients = pszTo ? pszTo : "";
     trace_text(g_trace, 1, "SMTP0200-2", recipients);
-    SMTP_SetTimeOut(g_stMailTimeout.ulMailFrom);
-    SMTP_SetStartTime();
-
-    int length = format_command("MAIL FROM:<%s>\r\n", pszFrom ? pszFrom : "");
+    start_phase(g_stMailTimeout.ulMailFrom);
+    const int length = format_command("MAIL FROM:<%s>\r\n", pszFrom ? pszFrom : "");
     if (length < 0) return refuse_long_command("smtp0145", pulErr);
-    int result = run_command(lSock, length, "smtp0145", "smtp0148", 0, 2, "smtp0150", "smtp0155",
-                             pulErr);
+    int result = exchange(lSock, length, kMailFrom, pulErr);
     if (result != 0) return result;
-    if (s_szRecvBuf[0] != '2') {
-        trace(g_trace, 2, "smtp0160");
-        *pulErr = 0;
-        return kMailRefused;
-    }
 
     for (const char* piece = recipients;;) {
         const char* comma = std::strchr(piece, ',');
@@ -93,19 +96,11 @@ KEMAIL_API int SMTP_MAIL(int lSock, const char* pszFrom, const char* pszTo,
             return kCommandTooLong;
         }
         char address[kRecipientSize];
-        std::memcpy(address, piece, piece_length);
-        address[piece_length] = '\0';
+        kemail::copy_cut(address, piece_length + 1, piece);
 
-        SMTP_SetTimeOut(g_stMailTimeout.ulRcptTo);
-        SMTP_SetStartTime();
-        length = format_command("RCPT TO:<%s>\r\n", address);
-        result = run_command(lSock, length, "smtp0165", "smtp0167", 0, 2, "smtp0170", "smtp0185",
-                             pulErr);
+        start_phase(g_stMailTimeout.ulRcptTo);
+        result = exchange(lSock, format_command("RCPT TO:<%s>\r\n", address), kRcptTo, pulErr);
         if (result != 0) return result;
-        if (s_szRecvBuf[0] != '2') {
-            trace(g_trace, 0, "smtp0190");
-            return kRcptRefused;
-        }
         if (!comma) {
             trace(g_trace, 0, "smtp0191");
             trace(g_trace, 1, "SMTP02FF-2");
@@ -115,28 +110,18 @@ KEMAIL_API int SMTP_MAIL(int lSock, const char* pszFrom, const char* pszTo,
     }
 }
 
-KEMAIL_API int SMTP_startData(int lSock, unsigned int* pulErr) {
+KEMAIL_API int SMTP_startData(int lSock, unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     trace(g_trace, 1, "smtp0200");
-    SMTP_SetTimeOut(g_stMailTimeout.ulData);
-    SMTP_SetStartTime();
-    // The sent trace carries the command and its NUL.
-    const int result = run_command(lSock, format_command("DATA\r\n"), "smtp0205", "smtp0208", 7, 2,
-                                   "smtp0210", "smtp0215", pulErr);
-    if (result != 0) return result;
-    if (s_szRecvBuf[0] == '3') {
-        trace(g_trace, 1, "smtp02FF");
-        return 0;
-    }
-    trace_word(g_trace, 0, "smtp0220", *pulErr);
-    return kDataRefused;
+    start_phase(g_stMailTimeout.ulData);
+    return exchange(lSock, format_command("DATA\r\n"), kData, pulErr);
 }
 
 // Sends the staged message file exactly as it is (staging did the
 // dot-stuffing), 1028 bytes a time through s_szRecvBuf; every chunk gets the
 // whole data time-out.
-KEMAIL_API int SMTP_sendData(int lSock, int lFile, unsigned int* pulErr) {
+KEMAIL_API int SMTP_sendData(int lSock, int lFile, unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     trace(g_trace, 1, "smtp0500");
@@ -172,57 +157,31 @@ KEMAIL_API int SMTP_sendData(int lSock, int lFile, unsigned int* pulErr) {
 
 // The mark begins with its own CR LF, so the message ends with a line break
 // even when its text had none.
-KEMAIL_API int SMTP_endData(int lSock, unsigned int* pulErr) {
+KEMAIL_API int SMTP_endData(int lSock, unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     trace(g_trace, 1, "smtp0400");
-    SMTP_SetTimeOut(g_stMailTimeout.ulDataEnd);
-    SMTP_SetStartTime();
-    const int result = run_command(lSock, format_command("\r\n.\r\n"), "smtp0405", "smtp0408", 6,
-                                   0, "smtp0410", "smtp0415", pulErr);
-    if (result != 0) return result;
-    if (s_szRecvBuf[0] == '2') {
-        trace(g_trace, 1, "smtp04FF");
-        return 0;
-    }
-    *pulErr = 0;
-    trace_word(g_trace, 0, "smtp0420", *pulErr);
-    return kMessageRefused;
+    start_phase(g_stMailTimeout.ulDataEnd);
+    return exchange(lSock, format_command("\r\n.\r\n"), kEndOfData, pulErr);
 }
 
-// Keeps the current phase's time-out; only the clock restarts.
-KEMAIL_API int SMTP_RSET(int lSock, unsigned int* pulErr) {
+KEMAIL_API int SMTP_RSET(int lSock, unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     trace(g_trace, 1, "RSET0000");
     *pulErr = 0;
-    SMTP_SetStartTime();
-    const int result = run_command(lSock, format_command("RSET\r\n"), "RSET0005", nullptr, 0, 0,
-                                   "RSET0010", "RSET0015", pulErr);
-    if (result != 0) return result;
-    if (s_szRecvBuf[0] == '2') {
-        trace(g_trace, 1, "RSETFFFF");
-        return 0;
-    }
-    trace(g_trace, 0, "RSET0020");
-    return kRsetRefused;
+    return exchange(lSock, format_command("RSET\r\n"), kRset, pulErr);
 }
 
 // The reply to QUIT is read but not judged, and a server that closes
 // without one is fine too; closing the socket is the caller's business.
-KEMAIL_API int SMTP_QUIT(int lSock, unsigned int* pulErr) {
+KEMAIL_API int SMTP_QUIT(int lSock, unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     trace(g_trace, 1, "SMTP0400-2");
-    SMTP_SetTimeOut(kQuitTimeOut);
-    SMTP_SetStartTime();
-    const int result = send_command(lSock, format_command("QUIT\r\n"), "smtp0410-2", pulErr);
+    start_phase(kQuitTimeOut);
+    const int result = exchange(lSock, format_command("QUIT\r\n"), kQuit, pulErr);
     if (result != 0) return result;
-    MailLogWrite(g_pLogHandle, KEMAIL_LOG_SENT, s_szSendBuf);
-    trace_data(g_trace, 2, "smtp0420-2", s_szSendBuf, 7);
-    if (SMTP_returnMessage(lSock, s_szRecvBuf, KEMAIL_RECV_BUF_SIZE, pulErr) == 0) {
-        log_reply("smtp0430-2");
-    }
     trace(g_trace, 1, "SMTP04FF-2");
     return 0;
 }

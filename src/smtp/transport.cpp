@@ -2,13 +2,14 @@
 // CR LF line with the phase time-out, read a whole (multi-line) reply.
 #include "kemail.h"
 #include "log/trace_record.h"
+#include "net/net.h"
 #include "smtp/smtp.h"
 #include "smtp/smtp_buffers.h"
+#include "util/util.h"
 
 #include <cerrno>
 #include <cstring>
 
-#include <sys/select.h>
 #include <sys/socket.h>
 
 using kemail::trace;
@@ -18,44 +19,37 @@ using namespace kemail::smtp;
 
 namespace {
 
-// Tries after which a run of interrupted or zero-length calls counts as a
+// Tries after which a run of interrupted or zero-length sends counts as a
 // failure of the connection.
 constexpr int kMaxRetries = 5;
 
-// Takes the bytes that are waiting on the socket, but never more than up to
-// and including the first CR LF: the rest belongs to the next line or reply
-// and must stay in the socket. `prev` is the byte read just before `dst`
-// (0 at the start of the line) so that a CR LF split across two arrivals is
-// seen. Returns recv's result: the byte count, 0 at end of stream, or -1.
-ssize_t take_line_bytes(int sock, char* dst, size_t room, char prev) {
-    const ssize_t peeked = recv(sock, dst, room, MSG_PEEK);
-    if (peeked <= 0) return peeked;
-    size_t want = static_cast<size_t>(peeked);
-    const char* from = dst;
-    const char* const end = dst + peeked;
-    while (from < end) {
-        const char* lf = static_cast<const char*>(std::memchr(from, '\n', end - from));
-        if (!lf) break;
-        const char before = lf > dst ? lf[-1] : prev;
-        if (before == '\r') {
-            want = static_cast<size_t>(lf - dst) + 1;
+// The phase clock bounds every wait of the line reader; its retries are
+// traced at level 2.
+class PhaseWait final : public kemail::net::LineWait {
+public:
+    void compute(struct timeval* wait) override { SMTP_GetSelectTimeOut(wait); }
+    void retrying(kemail::net::Retry event, int error) override {
+        switch (event) {
+        case kemail::net::Retry::SelectInterrupted:
+            trace_word(g_trace, 2, "smtp0f01", static_cast<uint32_t>(error));
+            break;
+        case kemail::net::Retry::RecvInterrupted:
+            trace_word(g_trace, 2, "smtp0f04", static_cast<uint32_t>(error));
+            break;
+        case kemail::net::Retry::PeerClosed:
+            trace(g_trace, 2, "smtp0f20");
             break;
         }
-        from = lf + 1;
     }
-    const ssize_t got = recv(sock, dst, want, 0);
-    // The peek wrote bytes that stay in the socket; the buffer behind the
-    // line keeps its zeros, as if they had never been looked at.
-    const size_t kept = got > 0 ? static_cast<size_t>(got) : 0;
-    std::memset(dst + kept, 0, static_cast<size_t>(peeked) - kept);
-    return got;
-}
+};
 
 }  // namespace
 
 extern "C" {
 
-KEMAIL_API int SMTP_send(int lSock, const char* pData, int lLength, unsigned int* pulErr) {
+// Kept: every call traces all its bytes (smtp0e00) at level 0, data chunks
+// included (test Transport.SendWritesEveryByteAndTracesThem).
+KEMAIL_API int SMTP_send(int lSock, const char* pData, int lLength, unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     trace_data(g_trace, 0, "smtp0e00", pData, lLength > 0 ? static_cast<size_t>(lLength) : 0);
@@ -112,89 +106,48 @@ KEMAIL_API int SMTP_send(int lSock, const char* pData, int lLength, unsigned int
     }
 }
 
-// Reads one line, CR LF included, or as many bytes as fill the buffer (then
-// without a terminating NUL, on purpose: the rest of the line comes as the
-// next line). Every wait may take the whole time left when the line began;
-// the remainder is recomputed only after an interruption or an empty read.
-KEMAIL_API int SMTP_recv(int lSock, char* pBuf, int lSize, unsigned int* pulErr) {
+// Reads one line, CR LF included, or as many bytes as fill the buffer.
+// Kept: a line that fills the buffer leaves it without a terminating NUL; the
+// rest of the line comes as the next line (test
+// Transport.AFullLineWithoutCrLfFillsTheBufferWithoutNul). Every wait may
+// take the whole time left when the line began; the remainder is recomputed
+// only after an interruption or an empty read.
+KEMAIL_API int SMTP_recv(int lSock, char* pBuf, int lSize, unsigned int* pulErr) noexcept {
+    using kemail::net::LineStatus;
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     if (lSize > 0) std::memset(pBuf, 0, static_cast<size_t>(lSize));
-    int count = 0;
-    int zero_reads = 0;
-
-    if (lSock < 0 || lSock >= FD_SETSIZE) {
-        *pulErr = EBADF;
-        MailLogSysErrWrite(g_pLogHandle, "select", -1, EBADF, nullptr);
-        trace_word(g_trace, 0, "smtp0f02", EBADF);
+    PhaseWait wait;
+    const kemail::net::LineRead read =
+        kemail::net::read_line(lSock, pBuf, lSize > 0 ? static_cast<size_t>(lSize) : 0,
+                               kemail::net::LineEnd::CrLf, wait);
+    *pulErr = static_cast<unsigned int>(read.error);
+    switch (read.status) {
+    case LineStatus::Done:
+        return 0;
+    case LineStatus::SelectFailed:
+        MailLogSysErrWrite(g_pLogHandle, "select", read.result, read.error, nullptr);
+        trace_word(g_trace, 0, "smtp0f02", *pulErr);
+        return kRecvFailed;
+    case LineStatus::TimedOut:
+        MailLogTimeOutWrite(g_pLogHandle, static_cast<int>(g_ulTimeOut), 1, "recv");
+        trace_word(g_trace, 0, "smtp0f03", *pulErr);
+        return kTimedOut;
+    case LineStatus::RecvFailed:
+        MailLogSysErrWrite(g_pLogHandle, "recv", read.result, read.error, nullptr);
+        trace_word(g_trace, 0, "smtp0f05", *pulErr);
+        return kRecvFailed;
+    case LineStatus::PeerClosed:
+        trace(g_trace, 0, "smtp0f10");
+        MailLogSysErrWrite(g_pLogHandle, "recv", 0, read.error, nullptr);
         return kRecvFailed;
     }
-    fd_set saved_set;
-    FD_ZERO(&saved_set);
-    FD_SET(lSock, &saved_set);
-    struct timeval saved_wait;
-    SMTP_GetSelectTimeOut(&saved_wait);
-
-    while (count < lSize) {
-        fd_set ready = saved_set;
-        struct timeval wait = saved_wait;
-        const int selected = select(lSock + 1, &ready, nullptr, nullptr, &wait);
-        const int select_error = errno;
-        *pulErr = static_cast<unsigned int>(select_error);
-        if (selected < 0) {
-            if (select_error != EINTR) {
-                MailLogSysErrWrite(g_pLogHandle, "select", selected, select_error, nullptr);
-                trace_word(g_trace, 0, "smtp0f02", static_cast<uint32_t>(select_error));
-                return kRecvFailed;
-            }
-            trace_word(g_trace, 2, "smtp0f01", static_cast<uint32_t>(select_error));
-            SMTP_GetSelectTimeOut(&saved_wait);
-            continue;
-        }
-        if (selected == 0) {
-            MailLogTimeOutWrite(g_pLogHandle, static_cast<int>(g_ulTimeOut), 1, "recv");
-            trace_word(g_trace, 0, "smtp0f03", *pulErr);
-            return kTimedOut;
-        }
-
-        const char prev = count > 0 ? pBuf[count - 1] : '\0';
-        const ssize_t got =
-            take_line_bytes(lSock, pBuf + count, static_cast<size_t>(lSize - count), prev);
-        const int recv_error = errno;
-        if (got < 0) {
-            *pulErr = static_cast<unsigned int>(recv_error);
-            if (recv_error != EINTR) {
-                MailLogSysErrWrite(g_pLogHandle, "recv", static_cast<int>(got), recv_error,
-                                   nullptr);
-                trace_word(g_trace, 0, "smtp0f05", static_cast<uint32_t>(recv_error));
-                return kRecvFailed;
-            }
-            trace_word(g_trace, 2, "smtp0f04", static_cast<uint32_t>(recv_error));
-            SMTP_GetSelectTimeOut(&saved_wait);
-            continue;
-        }
-        if (got == 0) {
-            *pulErr = static_cast<unsigned int>(recv_error);
-            if (++zero_reads > kMaxRetries) {
-                trace(g_trace, 0, "smtp0f10");
-                MailLogSysErrWrite(g_pLogHandle, "recv", 0, recv_error, nullptr);
-                return kRecvFailed;
-            }
-            trace(g_trace, 2, "smtp0f20");
-            SMTP_GetSelectTimeOut(&saved_wait);
-            continue;
-        }
-        zero_reads = 0;
-        count += static_cast<int>(got);
-        if (count > 1 && pBuf[count - 2] == '\r' && pBuf[count - 1] == '\n') break;
-    }
-    *pulErr = 0;
-    return 0;
+    return kRecvFailed;
 }
 
 // A reply's lines are read one after the other into the start of the buffer;
 // a '-' after the code marks a continuation, so the last line stays.
-KEMAIL_API int SMTP_returnMessage(int lSock, char* pBuf, int lSize, unsigned int* pulErr) {
+KEMAIL_API int SMTP_returnMessage(int lSock, char* pBuf, int lSize, unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
     *pulErr = 0;
@@ -208,14 +161,14 @@ KEMAIL_API int SMTP_returnMessage(int lSock, char* pBuf, int lSize, unsigned int
     }
 }
 
-KEMAIL_API void SMTP_GetSmtpSvResponce(char* pszDest) {
+KEMAIL_API void SMTP_GetSmtpSvResponce(char* pszDest) noexcept {
     trace(g_trace, 1, "GETSMTP0000");
     if (pszDest) {
-        // What strncpy of 255 characters and a NUL at index 255 give.
-        constexpr size_t kKept = 255;
-        const size_t length = strnlen(s_szRecvBuf, kKept);
-        std::memcpy(pszDest, s_szRecvBuf, length);
-        std::memset(pszDest + length, 0, kKept + 1 - length);
+        // What strncpy of 255 characters and a NUL at index 255 give: the
+        // text, cut, and zeros up to index 255.
+        constexpr size_t kHandedOut = 256;
+        std::memset(pszDest, 0, kHandedOut);
+        kemail::copy_cut(pszDest, kHandedOut, s_szRecvBuf);
     }
     trace(g_trace, 1, "GETSMTPFFFF");
 }

@@ -293,6 +293,19 @@ TEST_F(Pop3Session, TheLongestCommandLineIs255Bytes) {
     EXPECT_EQ(server.received().size(), 255u);
 }
 
+// The trace file is the diagnostic record: the PASS line goes there as it is
+// sent, password included; only the mail log masks it.
+TEST_F(Pop3Session, ThePassCommandIsTracedInClear) {
+    ScriptServer server(good_login().drain());
+    TraceCapture trace("pass_in_clear");
+    connect(server, trace.handle());
+    EXPECT_EQ(Pop3_Login(sock_, "u", "Sesame-42", reply_, &err_, trace.handle()), 0);
+    hang_up();
+    ASSERT_TRUE(server.wait_done());
+    const std::vector<std::string> sent = trace.data_of("Pop3_0b00");
+    EXPECT_EQ(sent, (std::vector<std::string>{"USER u\r\n", "PASS Sesame-42\r\n"}));
+}
+
 TEST_F(Pop3Session, TheMailLogShowsCommandsAndRepliesButNotThePassword) {
     g_pLogHandle = MailLogOpen(0);
     ASSERT_NE(g_pLogHandle, nullptr);

@@ -58,6 +58,28 @@ public:
         return out;
     }
 
+    // The data of every record with this code, in the order written (empty
+    // for a record without data). Closes the file like codes().
+    std::vector<std::string> data_of(const std::string& code) {
+        close();
+        const std::string file = kemail_test::read_file(path_);
+        std::vector<std::string> out;
+        for (size_t at = file.find("SSSS", 4); at != std::string::npos;
+             at = file.find("SSSS", at + 4)) {
+            const size_t code_at = at + 12;
+            if (code_at > file.size()) break;
+            const size_t data = file.find("XXXX", code_at);
+            const size_t end = file.find("EEEE", code_at);
+            const size_t stop = std::min(data, end);
+            if (stop == std::string::npos) break;
+            if (file.compare(code_at, stop - code_at, code) == 0 && stop - code_at == code.size()) {
+                out.push_back(data < end ? file.substr(data + 4, end - data - 4) : std::string());
+            }
+            if (end != std::string::npos) at = end;
+        }
+        return out;
+    }
+
 private:
     std::string path_;
     TraceHandle* handle_ = nullptr;
@@ -71,7 +93,8 @@ inline int count_of(const std::vector<std::string>& codes, const std::string& co
 
 // True when every code of `wanted` appears in `codes` in this order (others
 // may come between).
-inline bool in_order(const std::vector<std::string>& codes, const std::vector<std::string>& wanted) {
+inline bool in_order(const std::vector<std::string>& codes,
+                     const std::vector<std::string>& wanted) {
     size_t next = 0;
     for (const auto& c : codes) {
         if (next < wanted.size() && c == wanted[next]) ++next;

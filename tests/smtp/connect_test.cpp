@@ -55,6 +55,24 @@ TEST_F(Connect, AnUnknownNameGivesMinus5) {
     EXPECT_TRUE(traced_in_order({"smtp0000", "getsmtp0030", "smtp0010"}));
 }
 
+// The literal reads as inet_addr's failure value, so it goes to the
+// resolver, which answers with the same address; that answer is traced as
+// resolved and then fails the connection as unresolved.
+TEST_F(Connect, AllOnesIsLookedUpAsANameAndGivesMinus5) {
+    err = 0;
+    EXPECT_EQ(SMTP_resolveHost("255.255.255.255", &err), 0xFFFFFFFFu);
+    EXPECT_EQ(err, 0u);
+    EXPECT_EQ(trace_count("getsmtp0010"), 0);
+    EXPECT_EQ(trace_count("getsmtp0030"), 0);
+    EXPECT_TRUE(traced_in_order({"getsmtp0000", "getsmtp0040", "getsmtpFFFF"}));
+    EXPECT_EQ(word_of(trace_find("getsmtpFFFF")), 0xFFFFFFFFu);
+    trace_clear();
+    EXPECT_EQ(SMTP_connect("255.255.255.255", 25, &err), -5);
+    EXPECT_TRUE(traced_in_order({"smtp0000", "getsmtpFFFF", "smtp0010"}));
+    EXPECT_EQ(trace_count("smtp0020"), 0);
+    EXPECT_EQ(trace_count("smtp0040"), 0);
+}
+
 TEST_F(Connect, ConnectsAndStartsTheConnectionPhase) {
     const SmtpTimeOut values = {21, 22, 23, 24, 25, 26};
     SMTP_SetTimeOutInfo(&values);

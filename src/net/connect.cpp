@@ -1,0 +1,57 @@
+// A TCP connection to an IPv4 peer, with the retries of a refusing server.
+#include "net/net.h"
+
+#include "log/trace_record.h"
+#include "util/unique_fd.h"
+
+#include <cerrno>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace kemail::net {
+
+namespace {
+
+// connect(), completing an interrupted attempt instead of starting a second
+// one (which would fail with EALREADY): the kernel goes on connecting after
+// EINTR, so wait for the outcome and fetch it. Returns 0 or -1 with errno.
+int connect_waiting_out_interruption(int sock, const sockaddr_in& peer) {
+    if (::connect(sock, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == 0) return 0;
+    if (errno != EINTR) return -1;
+    pollfd p{sock, POLLOUT, 0};
+    while (::poll(&p, 1, -1) < 0) {
+        if (errno != EINTR) return -1;
+    }
+    int error = 0;
+    socklen_t len = sizeof error;
+    if (::getsockopt(sock, SOL_SOCKET, SO_ERROR, &error, &len) != 0) return -1;
+    if (error == 0) return 0;
+    errno = error;
+    return -1;
+}
+
+}  // namespace
+
+Connection connect_ipv4(const sockaddr_in& peer, const ConnectCodes& codes, TraceHandle* trace) {
+    for (int retries = 0;;) {
+        if (codes.before_socket) kemail::trace(trace, 2, codes.before_socket);
+        // Close-on-exec: the calling agent may start programs while a
+        // session is open, and they must not inherit the connection.
+        UniqueFd sock(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (!sock.valid()) return {-1, Failed::Socket, sock.get(), errno};
+        if (codes.before_connect) kemail::trace(trace, 2, codes.before_connect);
+        const int result = connect_waiting_out_interruption(sock.get(), peer);
+        const int error = errno;
+        if (result == 0) return {sock.release(), Failed::Nothing, 0, 0};
+        trace_word(trace, 0, codes.attempt_failed, static_cast<uint32_t>(error));
+        if (error != ECONNREFUSED || retries++ >= codes.refused_retries) {
+            return {-1, Failed::Connect, result, error};
+        }
+        kemail::trace(trace, codes.retrying_level, codes.retrying);
+        ::sleep(1);
+    }
+}
+
+}  // namespace kemail::net
