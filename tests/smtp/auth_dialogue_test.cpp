@@ -1,18 +1,16 @@
-// The authentication case that needs more than a dialogue file: challenges
-// that are empty or no base64 at all. The plain authentication dialogues are
+// The authentication cases that need more than a dialogue file: challenges
+// that are empty or no base64 at all, the AUTH strings in the trace, and a
+// response that cannot be sent. The plain authentication dialogues are
 // tests/dialogues/auth-*.dlg.
 #include "dialogue.h"
-
-#include "support/temp_dir.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <string>
 #include <thread>
 #include <vector>
-
-#include <string>
 
 namespace {
 
@@ -23,6 +21,9 @@ using namespace smtp_test;
 // RFC 2195's example credentials.
 constexpr char kUser[] = "tim";
 constexpr char kPassword[] = "tanstaaftanstaaf";
+constexpr char kChallenge[] = "334 PDE4OTYuNjk3MTcwOTUyQHBvc3RvZmZpY2UucmVzdG9uLm1jaS5uZXQ+\r\n";
+constexpr char kCramResponse[] = "dGltIGI5MTNhNjAyYzdlZGE3YTQ5NWI0ZTZlNzMzNGQzODkw\r\n";
+constexpr char kPlainCommand[] = "AUTH PLAIN dGltAHRpbQB0YW5zdGFhZnRhbnN0YWFm\r\n";
 constexpr char kAllMechanisms[] = "250-AUTH LOGIN PLAIN CRAM-MD5\r\n";
 
 class AuthDialogue : public ::testing::Test {
