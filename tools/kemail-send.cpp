@@ -813,6 +813,10 @@ int main(int argc, char** argv) {
             case Detail::None: decoded = printable(detail); break;
         }
     }
+    // A time-out or a closed connection means the connection stood: with no
+    // command sent yet, the library was waiting for the greeting.
+    if (facts.phase == "connect" && (result == KEMAIL_E_TIMEOUT || result == KEMAIL_E_SOCKET))
+        facts.phase = "greeting";
     if (facts.phase.empty() || result == KEMAIL_E_ARGUMENT || result == KEMAIL_E_RECIPIENT)
         facts.phase = result >= 0 ? facts.phase : "checks";
     const int exit_code = exit_code_for(result, require_auth, detail, facts, host_resolves);

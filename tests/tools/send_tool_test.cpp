@@ -235,6 +235,16 @@ TEST(SendTool, ConnectionRefusedIsTempFailWithErrnoText) {
     EXPECT_TRUE(has(run.out, "\"code\":-10")) << run.out;
 }
 
+TEST(SendTool, ServerClosingBeforeTheGreetingIsTempFail) {
+    ScriptServer server(Script().close());
+    const ToolResult run = send(to_server(server) + " --to b@example.com --json");
+    server.wait_done();
+    EXPECT_EQ(run.status, EX_TEMPFAIL) << run.err;
+    EXPECT_TRUE(has(run.err, "KEMAIL_E_SOCKET (-7)")) << run.err;
+    EXPECT_TRUE(has(run.err, "[greeting]")) << run.err;
+    EXPECT_TRUE(has(run.out, "\"phase\":\"greeting\"")) << run.out;
+}
+
 TEST(SendTool, UnresolvableHostIsNoHostWithTheResolversText) {
     const ToolResult run = send("--from a@x --to b@x --server no-such-host.invalid");
     EXPECT_EQ(run.status, EX_NOHOST) << run.err;
