@@ -333,10 +333,12 @@ bool is_reply(const std::string& data) {
     return data.rfind("+OK", 0) == 0 || data.rfind("-ERR", 0) == 0;
 }
 
+// A text on one line, at most 200 characters (the rest marked "...").
 std::string one_line(const std::string& text) {
     std::string out;
     for (unsigned char c : text) {
         if (c == '\r' || c == '\n') continue;
+        if (out.size() == 200) return out + "...";
         out += printable(c) ? static_cast<char>(c) : '.';
     }
     return out;
@@ -591,7 +593,7 @@ int main(int argc, char** argv) {
             if (width > 0) {
                 // Each byte takes 3 columns of hex and 1 of text, plus the
                 // frame and the note about the cut.
-                const size_t used = text.size() + 6 + 40 + (decoded.empty() ? 0 : decoded.size() + 3);
+                const size_t used = text.size() + 8 + 32 + (decoded.empty() ? 0 : decoded.size() + 3);
                 shown = width > used ? std::min(shown, (width - used) / 4) : 0;
                 if (shown == 0) shown = std::min<size_t>(r.data.size(), 4);
             }
