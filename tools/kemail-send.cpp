@@ -817,6 +817,12 @@ int main(int argc, char** argv) {
     // command sent yet, the library was waiting for the greeting.
     if (facts.phase == "connect" && (result == KEMAIL_E_TIMEOUT || result == KEMAIL_E_SOCKET))
         facts.phase = "greeting";
+    // Failures before the SMTP session: work files and attachments (message
+    // composition), and POP before SMTP.
+    if (result == KEMAIL_E_WORK_FILE || result == KEMAIL_E_ATTACHMENT ||
+        result == KEMAIL_E_NO_MEMORY)
+        facts.phase = "compose";
+    if (result <= KEMAIL_E_POP_REFUSED && result >= KEMAIL_E_POP_UNREACHABLE) facts.phase = "pop";
     if (facts.phase.empty() || result == KEMAIL_E_ARGUMENT || result == KEMAIL_E_RECIPIENT)
         facts.phase = result >= 0 ? facts.phase : "checks";
     const int exit_code = exit_code_for(result, require_auth, detail, facts, host_resolves);

@@ -8,6 +8,9 @@
 #include <gtest/gtest.h>
 
 #include <sysexits.h>
+#include <unistd.h>
+
+#include <cstdio>
 
 #include <string>
 
@@ -233,6 +236,21 @@ TEST(SendTool, ConnectionRefusedIsTempFailWithErrnoText) {
     EXPECT_TRUE(has(run.err, "KEMAIL_E_UNREACHABLE (-10)")) << run.err;
     EXPECT_TRUE(has(run.err, "errno 111 ECONNREFUSED: Connection refused")) << run.err;
     EXPECT_TRUE(has(run.out, "\"code\":-10")) << run.out;
+}
+
+// The work-file directory replaced by a plain file: no work file can be
+// created (the test runs in its private root, so this is its own copy).
+TEST(SendTool, WorkFileThatCannotBeCreatedIsCantCreat) {
+    const std::string work = kemail_test::var_dir() + "/tmp";
+    ASSERT_EQ(::rename(work.c_str(), (work + ".away").c_str()), 0);
+    write_file(work, "");
+    const ToolResult run = send("--from a@x --to b@x --server 127.0.0.1 --port 1 --json");
+    ASSERT_EQ(::unlink(work.c_str()), 0);
+    ASSERT_EQ(::rename((work + ".away").c_str(), work.c_str()), 0);
+    EXPECT_EQ(run.status, EX_CANTCREAT) << run.err;
+    EXPECT_TRUE(has(run.err, "KEMAIL_E_WORK_FILE (-3)")) << run.err;
+    EXPECT_TRUE(has(run.err, "detail: errno 20 ENOTDIR: Not a directory")) << run.err;
+    EXPECT_TRUE(has(run.out, "\"phase\":\"compose\"")) << run.out;
 }
 
 TEST(SendTool, ServerClosingBeforeTheGreetingIsTempFail) {
