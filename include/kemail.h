@@ -274,15 +274,15 @@ KEMAIL_API int SMTP_readEhloReply(int lSock, char* pszCapability,
 KEMAIL_API int SMTP_initialize(int lSock, const MailAuthInfo* pstAuth,
                                unsigned int* pulErr) KEMAIL_NOEXCEPT;
 
-typedef struct MD5_CTX {
+typedef struct KEMAIL_MD5_CTX {
     uint32_t      state[4];
     uint32_t      count[2];
     unsigned char buffer[64];
-} MD5_CTX;
+} KEMAIL_MD5_CTX;
 
-KEMAIL_API void MD5Init(MD5_CTX* pContext);
-KEMAIL_API void MD5Update(MD5_CTX* pContext, const unsigned char* pInput, unsigned int ulLength);
-KEMAIL_API void MD5Final(unsigned char digest[16], MD5_CTX* pContext);
+KEMAIL_API void MD5Init(KEMAIL_MD5_CTX* pContext);
+KEMAIL_API void MD5Update(KEMAIL_MD5_CTX* pContext, const unsigned char* pInput, unsigned int ulLength);
+KEMAIL_API void MD5Final(unsigned char digest[16], KEMAIL_MD5_CTX* pContext);
 KEMAIL_API void hmac_md5(const unsigned char* pText, int lTextLen, const unsigned char* pKey,
                          int lKeyLen, unsigned char digest[16]) KEMAIL_NOEXCEPT;
 

@@ -33,7 +33,7 @@ echo "all present"
 say "building libkemail.so, kemail-send and kemail-trace in $build_dir/"
 rm -rf "$out" && mkdir -p "$out/input"
 # shellcheck disable=SC2016 # $ORIGIN is for the dynamic linker: the installed tools find ../lib
-{ cmake -S . -B "$build_dir" -DCMAKE_INSTALL_RPATH='$ORIGIN/../lib' &&
+{ cmake -S . -B "$build_dir" -DKEMAIL_WERROR=ON &&
   cmake --build "$build_dir" -j 2 --target kemail kemail-send kemail-trace; } >"$out/build.log" 2>&1 ||
   { tail -n 40 "$out/build.log"; die "build failed (log: $out/build.log)"; }
 echo "built (compiler output in $out/build.log)"

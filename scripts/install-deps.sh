@@ -8,6 +8,12 @@ set -euo pipefail
 PACKAGES=(
   # build and analysis tools
   cmake g++ clang make libgtest-dev libbenchmark-dev pkg-config valgrind strace
+  # OpenSSL's headers (the public header must compile beside <openssl/md5.h>)
+  libssl-dev
+  # packaging and manuals: Debian packages, lintian, man, bash-completion
+  dpkg-dev lintian man-db groff-base bash-completion
+  # other mail senders run beside kemail-send for comparison
+  msmtp swaks
   # real peers: Postfix with a Dovecot SASL server, Dovecot POP3, aiosmtpd
   postfix dovecot-core dovecot-pop3d python3 python3-aiosmtpd
   # independent readers of what the library sends

@@ -26,7 +26,7 @@ build() {
   shift
   mkdir -p "$dir"
   log="$dir/build.log"
-  if ! { cmake -S . -B "$dir" -DKEMAIL_TESTS=ON "$@" && cmake --build "$dir" -j "$jobs"; } >"$log" 2>&1; then
+  if ! { cmake -S . -B "$dir" -DKEMAIL_TESTS=ON -DKEMAIL_WERROR=ON "$@" && cmake --build "$dir" -j "$jobs"; } >"$log" 2>&1; then
     tail -n 60 "$log"
     echo "build in $dir failed (whole log: $log)"
     return 1

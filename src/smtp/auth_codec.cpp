@@ -81,7 +81,7 @@ KEMAIL_API void hmac_md5(const unsigned char* pText, int lTextLen, const unsigne
     if (lKeyLen < 0) lKeyLen = 0;
     unsigned char key_digest[16];
     if (lKeyLen > kHmacBlock) {
-        MD5_CTX context;
+        KEMAIL_MD5_CTX context;
         MD5Init(&context);
         MD5Update(&context, pKey, static_cast<unsigned>(lKeyLen));
         MD5Final(key_digest, &context);
@@ -100,7 +100,7 @@ KEMAIL_API void hmac_md5(const unsigned char* pText, int lTextLen, const unsigne
         outer_pad[i] ^= 0x5c;
     }
 
-    MD5_CTX context;
+    KEMAIL_MD5_CTX context;
     MD5Init(&context);
     MD5Update(&context, inner_pad, kHmacBlock);
     MD5Update(&context, pText, static_cast<unsigned>(lTextLen));

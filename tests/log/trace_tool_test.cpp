@@ -42,7 +42,13 @@ struct ToolRun {
 
 ToolRun run_tool(const std::string& args) {
     ToolRun run;
-    const std::string command = "'" + tool_path() + "' " + args + " 2>&1";
+    // Appended piece by piece: GCC 12 at -O2 reports a false -Wrestrict
+    // overlap in operator+(const char*, std::string&&).
+    std::string command = "'";
+    command += tool_path();
+    command += "' ";
+    command += args;
+    command += " 2>&1";
     FILE* pipe = ::popen(command.c_str(), "r");
     if (!pipe) return run;
     char buffer[4096];
@@ -101,14 +107,20 @@ TEST_F(TraceTool, HelpDescribesTheTool) {
 TEST_F(TraceTool, UsageErrors) {
     EXPECT_EQ(run_tool("").status, 2);
     EXPECT_EQ(run_tool("--bogus x").status, 2);
-    EXPECT_EQ(run_tool("a b").status, 2);
+    // Several files are read and merged by time: two missing ones fail to
+    // open (1) rather than being a usage error.
+    EXPECT_EQ(run_tool("a b").status, 1);
+    EXPECT_EQ(run_tool("--size 8").status, 2);
     EXPECT_EQ(run_tool("--size").status, 2);
     EXPECT_EQ(run_tool("--size 0 x").status, 2);
     EXPECT_EQ(run_tool("--size 12abc x").status, 2);
 }
 
 TEST_F(TraceTool, MissingFileFails) {
-    const ToolRun run = run_tool("'" + dir_.file("missing.trc") + "'");
+    std::string quoted = "'";
+    quoted += dir_.file("missing.trc");
+    quoted += "'";
+    const ToolRun run = run_tool(quoted);
     EXPECT_EQ(run.status, 1);
     EXPECT_NE(run.output.find("cannot open"), std::string::npos);
 }

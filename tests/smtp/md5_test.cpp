@@ -18,7 +18,7 @@ std::string hex(const unsigned char* bytes, size_t n) {
 }
 
 std::string md5_hex(const std::string& input) {
-    MD5_CTX context;
+    KEMAIL_MD5_CTX context;
     MD5Init(&context);
     MD5Update(&context, reinterpret_cast<const unsigned char*>(input.data()),
               static_cast<unsigned>(input.size()));
@@ -54,7 +54,7 @@ TEST(Md5, PiecesOfAnySizeGiveTheDigestOfTheWhole) {
     for (int i = 0; i < 1000; ++i) input += static_cast<char>((i * 7 + 3) & 0xff);
     const std::string whole = md5_hex(input);
     for (size_t piece : {1u, 3u, 55u, 56u, 63u, 64u, 65u, 127u, 999u}) {
-        MD5_CTX context;
+        KEMAIL_MD5_CTX context;
         MD5Init(&context);
         for (size_t at = 0; at < input.size(); at += piece) {
             const size_t n = std::min(piece, input.size() - at);
@@ -75,12 +75,12 @@ TEST(Md5, LengthsAroundThePaddingEdge) {
 }
 
 TEST(Md5, FinalClearsTheContext) {
-    MD5_CTX context;
+    KEMAIL_MD5_CTX context;
     MD5Init(&context);
     MD5Update(&context, reinterpret_cast<const unsigned char*>("abc"), 3);
     unsigned char digest[16];
     MD5Final(digest, &context);
-    MD5_CTX zero;
+    KEMAIL_MD5_CTX zero;
     std::memset(&zero, 0, sizeof zero);
     EXPECT_EQ(std::memcmp(&context, &zero, sizeof zero), 0);
 }

@@ -48,7 +48,8 @@ inline std::string path_of_length(const std::string& base, size_t length) {
             path += "e";
             break;
         }
-        path += "/" + std::string(room - 1 > 100 ? 100 : room - 1, 'd');
+        path += '/';
+        path.append(room - 1 > 100 ? 100 : room - 1, 'd');
     }
     return path;
 }
