@@ -3,10 +3,10 @@
 test that exists.
 
 A Kept comment is the block of // lines that starts with "Kept:"; it must
-name its pinning tests as "(test Suite.Name)" or "(tests A.B, C.D)". A name
-exists when tests/ defines TEST, TEST_F or TEST_P with that suite and name,
-or a dialogue file tests/dialogues/[Suite/]Name.dlg exists. Prints every
-finding; exit status 1 when there is one.
+name its pinning tests as "(test Suite.Name)", "(tests A.B, C.D)" or
+"(dialogue NAME)". A test name exists when tests/ defines TEST, TEST_F or
+TEST_P with that suite and name; a dialogue when tests/dialogues/NAME.dlg
+exists. Prints every finding; exit status 1 when there is one.
 """
 import pathlib
 import re
@@ -51,6 +51,13 @@ for name in files:
             block.append(stripped[2:])
         text = " ".join(part.strip() for part in block)
         named = re.findall(r"\(tests? ([^)]*)\)", text)
+        dialogues = re.findall(r"\(dialogue ([^)\s]*)\)", text)
+        for dialogue in dialogues:
+            if not (root / "tests" / "dialogues" / f"{dialogue}.dlg").is_file():
+                print(f"{name}:{i + 1}: Kept comment names a dialogue that does not exist: {dialogue}")
+                problems += 1
+        if dialogues and not named:
+            continue
         where = f"{name}:{i + 1}"
         if not named:
             print(f"{where}: Kept comment names no pinning test: {text}")

@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cctype>
 #include <cstring>
 #include <ctime>
 #include <sys/time.h>
@@ -36,6 +37,22 @@ char g_host_cache[kHostCacheSize];
 constexpr size_t kResolverWordSize = 256;
 constexpr size_t kResolverLineSize = 1024;
 
+// Copies the next blank-separated word of at most size - 1 bytes from *text
+// into out and moves *text past it; a longer word is split, the rest being
+// the next word (as a "%255s" conversion reads it).
+void next_word(const char** text, char* out, size_t size) {
+    const char* p = *text;
+    while (*p != '\0' && std::isspace(static_cast<unsigned char>(*p))) ++p;
+    size_t length = 0;
+    while (p[length] != '\0' && !std::isspace(static_cast<unsigned char>(p[length])) &&
+           length + 1 < size) {
+        ++length;
+    }
+    std::memcpy(out, p, length);
+    out[length] = '\0';
+    *text = p + length;
+}
+
 // Appends ".domain" from the first "domain" line of the resolver file.
 void append_resolver_domain() {
     trace(g_trace, 2, "mkmsgid0010");
@@ -47,7 +64,9 @@ void append_resolver_domain() {
         if (std::strncmp(line, "domain", 6) != 0) continue;
         char first[kResolverWordSize] = {};
         char second[kResolverWordSize] = {};
-        std::sscanf(line, "%255s%255s", first, second);
+        const char* rest = line;
+        next_word(&rest, first, sizeof first);
+        next_word(&rest, second, sizeof second);
         if (std::strcmp(first, "domain") != 0) continue;
         const size_t have = std::strlen(g_host_cache);
         if (have + 1 + std::strlen(second) < kHostCacheSize) {

@@ -28,7 +28,7 @@ constexpr char kHiddenPassword[] = "******";
 // Every line of an exchange gets a fresh phase clock; a refusal (a reply
 // without the expected digit) gives 3 and the next mechanism is tried.
 // Kept: CRAM-MD5 traces its two replies under the PLAIN codes INPLAN0012 and
-// INPLAN0030 (test AuthDialogue.OnlyCramMd5IsTriedWhenItSucceeds).
+// INPLAN0030 (dialogue auth-only-cram-md5-is-tried-when-it-succeeds).
 constexpr ExchangeCodes kCramStart{
     .restarts_clock = true, .not_sent = "INCRAM0005", .no_reply = "INCRAM0010",
     .reply = "INPLAN0012", .expect = '3', .refused = "INCRAM0015", .refused_result = kRefused};

@@ -29,8 +29,8 @@ bool wants_smtp_auth(const MailAuthInfo* auth) {
 }
 
 // Kept: "smtp0150" here means "authentication wanted but only HELO
-// accepted", while SMTP_MAIL uses it for "no reply to MAIL" (test
-// Greeting.AuthenticationWantedButOnlyHeloGives2WithoutAuth).
+// accepted", while SMTP_MAIL uses it for "no reply to MAIL" (dialogue
+// greeting-authentication-wanted-but-only-helo-gives-2).
 constexpr ExchangeCodes kHelo{
     .restarts_clock = true, .not_sent = "smtp0125", .sent = "smtp0128", .no_reply = "smtp0130",
     .reply = "smtp0135", .expect = '2', .refused = "smtp0140", .refused_result = kHeloRefused};
@@ -74,8 +74,8 @@ KEMAIL_API int SMTP_readEhloReply(int lSock, char* pszCapability, unsigned int* 
         const ReplyText line(s_szRecvBuf);
         MailLogWrite(g_pLogHandle, KEMAIL_LOG_RECEIVED, line.text);
         // Kept: one line of the reply that does not begin with '2' refuses
-        // the whole EHLO, even after 250 lines (test
-        // Greeting.A500LineAfter250FallsBackToHelo).
+        // the whole EHLO, even after 250 lines (dialogue
+        // greeting-500-line-after-250-falls-back-to-helo).
         if (s_szRecvBuf[0] != '2') {
             trace_data(g_trace, 0, "AUTHR0010", line.text, line.length);
             refused = true;

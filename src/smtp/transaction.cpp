@@ -25,16 +25,16 @@ namespace {
 constexpr size_t kRecipientSize = 304;
 constexpr unsigned int kQuitTimeOut = 300;
 
-// Kept: a refused sender is traced (smtp0160) at level 2, not 0 (test
-// Transaction.ARefusedSenderGivesMinus22).
+// Kept: a refused sender is traced (smtp0160) at level 2, not 0 (dialogue
+// smtp-mail-refused-sender-gives-minus-22).
 constexpr ExchangeCodes kMailFrom{
     .not_sent = "smtp0145", .sent = "smtp0148", .no_reply = "smtp0150", .reply = "smtp0155",
     .expect = '2', .refused = "smtp0160", .refused_level = 2, .refused_result = kMailRefused};
 constexpr ExchangeCodes kRcptTo{
     .not_sent = "smtp0165", .sent = "smtp0167", .no_reply = "smtp0170", .reply = "smtp0185",
     .expect = '2', .refused = "smtp0190", .refused_result = kRcptRefused};
-// Kept: the sent trace carries the command and its NUL (test
-// Transaction.DataAnswered250GivesMinus24).
+// Kept: the sent trace carries the command and its NUL (dialogue
+// smtp-data-answered-250-gives-minus-24).
 constexpr ExchangeCodes kData{
     .not_sent = "smtp0205", .sent = "smtp0208", .sent_length = 7, .no_reply = "smtp0210",
     .reply = "smtp0215", .expect = '3', .accepted = "smtp02FF", .refused = "smtp0220",
