@@ -7,7 +7,7 @@ set -euo pipefail
 
 PACKAGES=(
   # build and analysis tools
-  cmake g++ clang make libgtest-dev libbenchmark-dev pkg-config valgrind strace
+  cmake g++ clang libclang-rt-14-dev make libgtest-dev libbenchmark-dev pkg-config valgrind strace
   # real peers: Postfix with a Dovecot SASL server, Dovecot POP3, aiosmtpd
   postfix dovecot-core dovecot-pop3d python3 python3-aiosmtpd
   # independent readers of what the library sends
