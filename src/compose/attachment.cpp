@@ -143,7 +143,25 @@ KEMAIL_API int SMTP_makeAppendData(int lFile, const char* pszPath, const char* p
     if (!write_traced(lFile, s_szSendBuf, n, "smtp0720", pulErr)) return -33;
     if (!write_traced(lFile, "\r\n", 2, "smtp0725", pulErr)) return -33;
 
-    UniqueFd file(retry_on_eintr([&] { return ::open(path, O_RDONLY | O_CLOEXEC); }));
+    // O_NONBLOCK: opening a FIFO must not wait for a writer. Only a regular
+    // file is read: a FIFO could keep the send waiting for ever, a device
+    // like /dev/zero would fill the work file without end, and a directory
+    // cannot be read (test BadInput.FifoWithoutWriterAsAttachmentIsRefusedWithoutWaiting).
+    UniqueFd file(retry_on_eintr(
+        [&] { return ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); }));
+    struct stat status = {};
+    if (file.valid()) {
+        int refused = 0;
+        if (fstat(file.get(), &status) != 0) {
+            refused = errno;
+        } else if (!S_ISREG(status.st_mode)) {
+            refused = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+        }
+        if (refused != 0) {
+            file.reset();
+            errno = refused;
+        }
+    }
     if (!file.valid()) {
         *pulErr = static_cast<unsigned int>(errno);
         trace_word(g_trace, 0, "smtp0730", *pulErr);

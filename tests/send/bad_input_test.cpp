@@ -221,6 +221,62 @@ TEST_F(BadInput, PopHostFilledToTheLastByteIsRefused) {
     EXPECT_EQ(send_with_auth(&auth, port.port()), KEMAIL_E_ARGUMENT);
 }
 
+// --- attachments that are no regular file -----------------------------------
+
+// Sends with one attachment in a child process bounded to 20 s; the server
+// port refuses, so a send that got past composition would end with -10.
+kemail_test::ChildResult send_attachment_bounded(const std::string& path, char* message) {
+    RefusedPort port;
+    int fds[2];
+    if (pipe(fds) != 0) return {};
+    const auto result = run_bounded(20000, [&] {
+        Mail mail(port.port());
+        mail.attachments = {{KEMAIL_CONTENT_ATTACHMENT, path}};
+        const int rc = mail.send();
+        const ssize_t n = write(fds[1], mail.message, KEMAIL_MESSAGE_SIZE);
+        return n == KEMAIL_MESSAGE_SIZE ? rc : 9999;
+    });
+    close(fds[1]);
+    if (result.finished && read(fds[0], message, KEMAIL_MESSAGE_SIZE) != KEMAIL_MESSAGE_SIZE) {
+        message[0] = '\0';
+    }
+    close(fds[0]);
+    return result;
+}
+
+TEST_F(BadInput, DirectoryAsAttachmentIsAWorkFileErrorWithEisdir) {
+    TempDir dir;
+    char message[KEMAIL_MESSAGE_SIZE] = {};
+    const auto result = send_attachment_bounded(dir.path(), message);
+    ASSERT_TRUE(result.finished) << "the send did not end within 20 s";
+    EXPECT_EQ(result.value, KEMAIL_E_WORK_FILE);
+    EXPECT_STREQ(message, std::to_string(EISDIR).c_str());
+}
+
+TEST_F(BadInput, FifoWithoutWriterAsAttachmentIsRefusedWithoutWaiting) {
+    TempDir dir;
+    const std::string fifo = dir.file("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    char message[KEMAIL_MESSAGE_SIZE] = {};
+    const auto result = send_attachment_bounded(fifo, message);
+    if (!result.finished) {
+        // Let a blocked open go, so that nothing stays behind.
+        const int fd = open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        if (fd >= 0) close(fd);
+    }
+    ASSERT_TRUE(result.finished) << "the send did not end within 20 s";
+    EXPECT_EQ(result.value, KEMAIL_E_WORK_FILE);
+    EXPECT_STREQ(message, std::to_string(EINVAL).c_str());
+}
+
+TEST_F(BadInput, EndlessDeviceAsAttachmentIsRefusedInsteadOfRead) {
+    char message[KEMAIL_MESSAGE_SIZE] = {};
+    const auto result = send_attachment_bounded("/dev/zero", message);
+    ASSERT_TRUE(result.finished) << "the send did not end within 20 s";
+    EXPECT_EQ(result.value, KEMAIL_E_WORK_FILE);
+    EXPECT_STREQ(message, std::to_string(EINVAL).c_str());
+}
+
 // --- attachments that change while the mail is composed ---------------------
 
 // The base64 lines of the (one, last) attachment part in what the server
