@@ -6,7 +6,8 @@
 // nobody, that none of those files can be read: neither after a send with
 // AUTH PLAIN nor the work file left by a send that was killed. A control
 // shows the same reads succeed once a directory is opened up again, so the
-// checks can fail.
+// checks can fail. A last test plants symbolic links at the names the next
+// send will use and shows that the files they point to are left alone.
 #include "send/send_fixture.h"
 #include "support/bounded_child.h"
 
@@ -186,6 +187,57 @@ TEST_F(PrivateDirs, NobodyCannotReadTheWorkFileOfASendKilledInData) {
     EXPECT_EQ(open_as_nobody(work_file), 0);  // control
     ASSERT_EQ(chmod(work_dir().c_str(), 0700), 0);
     unlink(work_file.c_str());
+}
+
+// --- symbolic links planted at the names of the next send --------------------
+
+class PlantedLinks : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(geteuid(), 0u); }
+
+    // A victim file with known content and a link to it at `name`.
+    void plant(const std::string& name) {
+        const std::string victim = dir_.file("victim" + std::to_string(victims_.size()));
+        kemail_test::write_file(victim, kVictim);
+        unlink(name.c_str());
+        ASSERT_EQ(symlink(victim.c_str(), name.c_str()), 0) << name;
+        victims_.push_back(victim);
+    }
+
+    void expect_victims_untouched() {
+        for (const std::string& victim : victims_) {
+            SCOPED_TRACE(victim);
+            const std::string content = kemail_test::read_file(victim);
+            EXPECT_TRUE(content == kVictim) << "the victim now holds " << content.size() << " bytes";
+            EXPECT_EQ(mode_of(victim), 0644u);
+        }
+    }
+
+    static constexpr char kVictim[] = "the victim's own content\n";
+    TempDir dir_;
+    std::vector<std::string> victims_;
+};
+
+std::string work_name(const char* prefix) {
+    return work_dir() + "/" + prefix + std::to_string(getpid()) + "-" +
+           std::to_string(static_cast<int>(pthread_self()));
+}
+
+TEST_F(PlantedLinks, TraceMailLogAndWorkFileNamesNeverWriteThroughALink) {
+    kemail_test::write_file(kemail_test::etc_dir() + "/trc_conf",
+                            "[ACERT]\nTRACESIZE=64\nTRACELEVEL=1\nTRACENUM=5\n");
+    plant(trace_name());
+    plant(log_name(getpid()));
+    plant(work_name("EMT"));
+    plant(work_name("EST"));
+
+    ScriptServer server(whole_mail_script());
+    Mail mail(server.port());
+    EXPECT_EQ(mail.send(), KEMAIL_OK) << mail.message;
+    ASSERT_TRUE(server.wait_done());
+    expect_victims_untouched();
+    unlink(trace_name().c_str());
+    unlink(log_name(getpid()).c_str());
 }
 
 }  // namespace
