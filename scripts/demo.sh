@@ -20,7 +20,7 @@ prefix=$out/prefix
 export KEMAIL_PEERS_STATE=${KEMAIL_DEMO_PEERS_STATE:-/tmp/kemail-demo-peers}
 export KEMAIL_PEER_SMTP_OPEN_PORT=26025 KEMAIL_PEER_SMTP_AUTH_PORT=26587 KEMAIL_PEER_SMTP_POPAUTH_PORT=26026
 source scripts/peers/env.sh
-export DEMO_REPO=$PWD DEMO_OUT=$out DEMO_BIN=$prefix/bin PYTHONIOENCODING=utf-8
+export DEMO_REPO=$PWD DEMO_OUT=$out DEMO_BIN=$prefix/bin DEMO_BUILD=$(realpath -m "$build_dir") PYTHONIOENCODING=utf-8
 
 say() { printf '\n== %s\n' "$*"; }
 die() { echo "demo: $*" >&2; exit 1; }
@@ -39,7 +39,8 @@ rm -rf "$out" && mkdir -p "$out/input"
 echo "built (compiler output in $out/build.log)"
 
 say "installing: cmake --install $build_dir --prefix $prefix"
-# The install also makes /etc/opt/QRZNvolta and /var/opt/QRZNvolta/*: in a private root.
+# A prefix install makes none of /etc/opt/QRZNvolta and /var/opt/QRZNvolta/*
+# (the component system-dirs does, below); in a private root all the same.
 tests/support/private-root.sh cmake --install "$build_dir" --prefix "$prefix" >"$out/install.log" 2>&1 ||
   { cat "$out/install.log"; die "install failed"; }
 (cd "$prefix" && find . ! -type d | sort | sed 's|^\./|  |')
@@ -150,6 +151,8 @@ show() { /usr/bin/python3 "$DEMO_REPO/scripts/demo_show.py" "$@"; }
 in_private_root() {
   local status=0
   echo "private root: $KEMAIL_TEST_ROOT stands over /etc/opt and /var/opt"
+  # The library's directories as a package makes them: 0700, the agent's user.
+  cmake --install "$DEMO_BUILD" --component system-dirs | sed 's/^/  /' || return 1
   # A trace ring that holds a whole send, at the normal level.
   printf '[ACERT]\nTRACESIZE=1024\nTRACELEVEL=1\nTRACENUM=5\n' >/etc/opt/QRZNvolta/trc_conf
   echo "/etc/opt/QRZNvolta/trc_conf: $(tr '\n' ' ' </etc/opt/QRZNvolta/trc_conf)"

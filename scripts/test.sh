@@ -3,7 +3,9 @@
 # as errors and runs every test (labels unit, slow and peers: the slow one
 # waits a real minute for a time-out, the peers ones use real mail servers),
 # then builds again with AddressSanitizer and UndefinedBehaviorSanitizer and
-# runs the unit tests once more. Exits non-zero when anything failed.
+# runs the unit tests once more, and runs every fuzz target for a short time
+# (scripts/fuzz.sh, $KEMAIL_FUZZ_SECONDS each, default 20). Exits non-zero
+# when anything failed.
 # Build directories: $KEMAIL_BUILD_DIR (build) and $KEMAIL_ASAN_BUILD_DIR
 # (build-asan), relative to the repository root.
 set -uo pipefail
@@ -74,6 +76,15 @@ if build "$asan_dir" -DKEMAIL_SANITIZE=ON -DKEMAIL_BENCH=OFF; then
   run_tests "$asan_dir" -L unit || status=1
 else
   summary+=("$asan_dir: build failed")
+  status=1
+fi
+
+fuzz_seconds=${KEMAIL_FUZZ_SECONDS:-20}
+step "fuzz (build-fuzz: every libFuzzer target for $fuzz_seconds s)"
+if bash scripts/fuzz.sh "$fuzz_seconds"; then
+  summary+=("fuzz: every target ran $fuzz_seconds s without a failure")
+else
+  summary+=("fuzz: a target failed (scripts/fuzz.sh output above)")
   status=1
 fi
 

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -54,12 +55,39 @@ const char* attachment_name(const char* path, char* name, size_t size) {
 
 enum class Copy { Done, ReadFailed, WriteFailed };
 
+// Waits until the file has bytes to read or its writer has gone, at most the
+// time-out of one chunk of message data (180 s when none is set): a FIFO
+// whose writer never comes, or stops writing, must not keep the send waiting
+// for ever. False with errno (ETIMEDOUT when the time ran out).
+bool wait_readable(int file) {
+    constexpr uint32_t kDefaultSeconds = 180;
+    const uint32_t seconds = g_stMailTimeout.ulDataBlock != 0 && g_stMailTimeout.ulDataBlock <= 3600
+                                 ? g_stMailTimeout.ulDataBlock
+                                 : kDefaultSeconds;
+    pollfd watched{file, POLLIN, 0};
+    for (;;) {
+        const int ready = ::poll(&watched, 1, static_cast<int>(seconds) * 1000);
+        if (ready > 0) return true;
+        if (ready == 0) {
+            errno = ETIMEDOUT;
+            return false;
+        }
+        if (errno != EINTR) return false;
+    }
+}
+
 // One read of up to 51 bytes and one line per read, for files whose reads
-// may come back short (pipes, devices) and when no block memory is to be had.
+// may come back short (FIFOs) and when no block memory is to be had. The file
+// is open without blocking: every read waits in wait_readable instead.
 Copy copy_by_lines(int file, int fd, unsigned int* pulErr) {
     for (;;) {
+        if (!wait_readable(file)) {
+            *pulErr = static_cast<unsigned int>(errno);
+            return Copy::ReadFailed;
+        }
         errno = 0;
         const ssize_t n = retry_on_eintr([&] { return ::read(file, s_szRecvBuf, kLineBytes); });
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) continue;
         if (n < 0) {
             *pulErr = static_cast<unsigned int>(errno);
             return Copy::ReadFailed;
@@ -150,7 +178,26 @@ KEMAIL_API int SMTP_makeAppendData(int lFile, const char* pszPath, const char* p
     if (!write_traced(lFile, s_szSendBuf, n, "smtp0720", pulErr)) return -33;
     if (!write_traced(lFile, "\r\n", 2, "smtp0725", pulErr)) return -33;
 
-    UniqueFd file(retry_on_eintr([&] { return ::open(path, O_RDONLY | O_CLOEXEC); }));
+    // O_NONBLOCK: opening a FIFO must not wait for a writer; its reads wait
+    // with a bound instead (test BadInput.FifoWithoutWriterEndsAfterTheDataBlockTimeOut).
+    // Devices and sockets are refused: /dev/zero would fill the work file
+    // without end (test BadInput.EndlessDeviceAsAttachmentIsRefusedInsteadOfRead).
+    // A directory fails at its first read (EISDIR), as it always has.
+    UniqueFd file(retry_on_eintr(
+        [&] { return ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); }));
+    struct stat status = {};
+    if (file.valid()) {
+        int refused = 0;
+        if (fstat(file.get(), &status) != 0) {
+            refused = errno;
+        } else if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode) || S_ISSOCK(status.st_mode)) {
+            refused = EINVAL;
+        }
+        if (refused != 0) {
+            file.reset();
+            errno = refused;
+        }
+    }
     if (!file.valid()) {
         *pulErr = static_cast<unsigned int>(errno);
         trace_word(g_trace, 0, "smtp0730", *pulErr);

@@ -5,11 +5,13 @@
 #include "util/format.h"
 #include "util/util.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace kemail {
@@ -22,6 +24,21 @@ constexpr uint32_t kDefaultLogCount = 20;
 constexpr long kRotateMargin = 500;
 // Longer current paths leave no room for a generation number.
 constexpr size_t kRotatePathLimit = 1022;
+
+// What FileOpen2 does (read-write, create 0644, truncate or append, EINTR
+// retried at most 10 times), with O_NOFOLLOW: log names are predictable, so a
+// symbolic link planted at one must not make the log write into the file it
+// points to (test PlantedLinks.TraceMailLogAndWorkFileNamesNeverWriteThroughALink).
+int open_log_file(const char* path, int truncate) {
+    constexpr int kAttempts = 10;
+    const int flags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | (truncate != 0 ? O_TRUNC : O_APPEND);
+    int fd = -1;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        fd = ::open(path, flags, 0644);
+        if (fd >= 0 || errno != EINTR) break;
+    }
+    return fd;
+}
 
 void read_log_config(MailLogHandle* handle) {
     handle->log_size = kDefaultLogSizeKb;
@@ -102,7 +119,7 @@ KEMAIL_API MailLogHandle* MailLogOpen(unsigned int /*ulUnused*/) noexcept {
     // Counts the logs of every process and generation alike.
     DeleteOldFiles_DIR(KEMAIL_LOG_DIR, "kesmtp", "log", keep, 1);
 
-    handle->fd = FileOpen2(handle->path, truncate);
+    handle->fd = open_log_file(handle->path, truncate);
     if (handle->fd < 0) {
         std::free(handle);
         return nullptr;
