@@ -21,7 +21,7 @@ jobs=${KEMAIL_JOBS:-2}
 # Longest input per target: a reply stream, a message file or an ini file may
 # be long; subjects and single lines are short.
 declare -A max_len=([smtp_reply]=8192 [pop3_reply]=8192 [profile]=8192 [encoding]=1024
-                    [charset]=4096 [pieces]=16384)
+                    [charset]=4096 [pieces]=16384 [trace_reader]=16384)
 
 log="$build_dir/build.log"
 mkdir -p "$build_dir"
