@@ -102,7 +102,11 @@ void BM_AttachmentIntoMessageFile(benchmark::State& state) {
     state.counters["message_MiB"] = static_cast<double>(st.st_size) / (1 << 20);
     state.counters["peak_rss_KiB"] = static_cast<double>(peak_rss_kib());
 }
-BENCHMARK(BM_AttachmentIntoMessageFile)->Arg(1)->Arg(100)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_AttachmentIntoMessageFile)
+    ->Arg(1)
+    ->Arg(100)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 // The same file through coreutils base64 (68 characters a line, LF line
 // ends), as a yardstick: a separate process, so its memory is not ours.
@@ -113,7 +117,8 @@ void BM_CoreutilsBase64(benchmark::State& state) {
         state.SkipWithError("cannot create the files");
         return;
     }
-    const std::string command = "base64 -w 68 '" + fixture.attachment + "' > '" + fixture.message + "'";
+    const std::string command =
+        "base64 -w 68 '" + fixture.attachment + "' > '" + fixture.message + "'";
     for (auto _ : state) {
         if (std::system(command.c_str()) != 0) {
             state.SkipWithError("base64 failed");

@@ -39,8 +39,8 @@ bool run_base64(const std::string& file, const std::string& out) {
     posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     const char* argv[] = {"base64", "-w", "76", file.c_str(), nullptr};
     pid_t child = -1;
-    const int spawned = posix_spawnp(&child, "base64", &actions, nullptr,
-                                     const_cast<char* const*>(argv), environ);
+    const int spawned =
+        posix_spawnp(&child, "base64", &actions, nullptr, const_cast<char* const*>(argv), environ);
     posix_spawn_file_actions_destroy(&actions);
     if (spawned != 0) return false;
     int status = 0;
@@ -63,9 +63,10 @@ const std::string& finished_message() {
     }
     std::remove(encoded.c_str());
     message.reserve(text.size() + text.size() / 76 + 512);
-    message = "From: bench@example.test\r\nTo: rcpt@example.test\r\nSubject: floor\r\n"
-              "MIME-Version: 1.0\r\nContent-Type: application/octet-stream\r\n"
-              "Content-Transfer-Encoding: base64\r\n\r\n";
+    message =
+        "From: bench@example.test\r\nTo: rcpt@example.test\r\nSubject: floor\r\n"
+        "MIME-Version: 1.0\r\nContent-Type: application/octet-stream\r\n"
+        "Content-Transfer-Encoding: base64\r\n\r\n";
     for (char c : text) {
         if (c == '\n') message += '\r';
         message += c;

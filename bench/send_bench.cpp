@@ -68,8 +68,9 @@ double process_cpu_seconds() {
 bool work_dir_ready(benchmark::State& state) {
     struct stat st {};
     if (stat("/var/opt/QRZNvolta/tmp", &st) == 0 && S_ISDIR(st.st_mode)) return true;
-    state.SkipWithError("/var/opt/QRZNvolta/tmp is missing: install, or run under "
-                        "tests/support/private-root.sh");
+    state.SkipWithError(
+        "/var/opt/QRZNvolta/tmp is missing: install, or run under "
+        "tests/support/private-root.sh");
     return false;
 }
 
@@ -92,8 +93,8 @@ void BM_HundredMiBAttachment(benchmark::State& state) {
             return;
         }
         if (result != KEMAIL_OK) {
-            state.SkipWithError(("send failed: " + std::to_string(result) + " " +
-                                 request.message).c_str());
+            state.SkipWithError(
+                ("send failed: " + std::to_string(result) + " " + request.message).c_str());
             return;
         }
         const auto accepted = sink().last_accept();
@@ -106,7 +107,11 @@ void BM_HundredMiBAttachment(benchmark::State& state) {
     state.counters["process_cpu_s"] = (process_cpu_seconds() - cpu_start) / n;
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * (100 << 20));
 }
-BENCHMARK(BM_HundredMiBAttachment)->Arg(0)->Arg(1)->ArgName("split")->Unit(benchmark::kMillisecond)
+BENCHMARK(BM_HundredMiBAttachment)
+    ->Arg(0)
+    ->Arg(1)
+    ->ArgName("split")
+    ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
 // Peak resident memory of a fresh process (this program, started again with
@@ -186,8 +191,9 @@ int main(int argc, char** argv) {
         request.text = "peak memory\n";
         struct stat st {};
         if (stat(argv[2], &st) == 0 && st.st_size > 0) request.file = argv[2];
-        const int result = request.send(static_cast<unsigned>(std::strtol(argv[3], nullptr, 10)), 64,
-                                        static_cast<uint16_t>(std::strtol(argv[4], nullptr, 10)));
+        const int result =
+            request.send(static_cast<unsigned>(std::strtol(argv[3], nullptr, 10)), 64,
+                         static_cast<uint16_t>(std::strtol(argv[4], nullptr, 10)));
         return result == KEMAIL_OK ? 0 : 1;
     }
     if (argc == 4 && std::strcmp(argv[1], "--small-sends") == 0) {

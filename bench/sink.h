@@ -49,7 +49,9 @@ public:
         close(listen_fd_);
     }
     uint16_t port() const { return port_; }
-    Clock::time_point last_accept() const { return Clock::time_point(Clock::duration(accepted_.load())); }
+    Clock::time_point last_accept() const {
+        return Clock::time_point(Clock::duration(accepted_.load()));
+    }
     unsigned long messages() const { return messages_.load(); }
 
 private:
@@ -112,7 +114,8 @@ private:
                 if (in_data) {
                     // The end mark is looked for with memmem rather than byte by
                     // byte: the sink's own cost must not be what is measured.
-                    const size_t used = end_of_data(buffer + i, static_cast<size_t>(n - i), matched);
+                    const size_t used =
+                        end_of_data(buffer + i, static_cast<size_t>(n - i), matched);
                     if (used == 0) break;  // the whole rest is message data
                     i += static_cast<ssize_t>(used) - 1;
                     in_data = false;

@@ -228,7 +228,8 @@ void BM_SmallDialogue(benchmark::State& state) {
         calls = counting.calls();
         if (calls == 0) {
             // A dialogue without a system call did not run the session code.
-            state.SkipWithError("the dialogue made no system call: the counting wrappers were not reached");
+            state.SkipWithError(
+                "the dialogue made no system call: the counting wrappers were not reached");
             break;
         }
     }

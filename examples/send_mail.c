@@ -10,13 +10,12 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-int main(int argc, char **argv)
-{
+int main(int argc, char** argv) {
     if (argc < 5 || argc > 6) {
         fprintf(stderr, "usage: %s SERVER PORT FROM TO [ATTACHMENT]\n", argv[0]);
         return 64;
     }
-    char *end = NULL;
+    char* end = NULL;
     const unsigned long port = strtoul(argv[2], &end, 10);
     if (end == argv[2] || *end != '\0' || port == 0 || port > 65535) {
         fprintf(stderr, "%s: PORT must be 1..65535\n", argv[0]);
@@ -40,9 +39,8 @@ int main(int argc, char **argv)
     /* The caller's buffer for the detail of a failure. */
     char message[KEMAIL_MESSAGE_SIZE];
 
-    const int result = ZvKe_SendEMail(&to, 1, content, content_count, argv[3],
-                                      "libkemail example", argv[1], 0, &option,
-                                      NULL /* default time-outs */,
+    const int result = ZvKe_SendEMail(&to, 1, content, content_count, argv[3], "libkemail example",
+                                      argv[1], 0, &option, NULL /* default time-outs */,
                                       NULL /* no authentication */, message);
     if (result >= 0) {
         printf("sent: result %d\n", result);

@@ -87,8 +87,7 @@ const ResultName kResults[] = {
      Detail::ErrnoOrResolver},
     {KEMAIL_E_POP_REFUSED, "KEMAIL_E_POP_REFUSED", "POP before SMTP: log-in or STAT refused",
      Detail::Reply},
-    {KEMAIL_E_POP_SYSTEM, "KEMAIL_E_POP_SYSTEM", "POP before SMTP: system error",
-     Detail::Errno},
+    {KEMAIL_E_POP_SYSTEM, "KEMAIL_E_POP_SYSTEM", "POP before SMTP: system error", Detail::Errno},
     {KEMAIL_E_POP_TIMEOUT, "KEMAIL_E_POP_TIMEOUT", "POP before SMTP: the POP time-out ran out",
      Detail::None},
     {KEMAIL_E_POP_UNREACHABLE, "KEMAIL_E_POP_UNREACHABLE",
@@ -314,8 +313,8 @@ bool resolves(const std::string& name, int* code) {
     char work[2048];
     int error_code = 0;
     for (int attempt = 0; attempt < 3; ++attempt) {
-        const int rc = gethostbyname_r(name.c_str(), &entry, work, sizeof work, &result,
-                                       &error_code);
+        const int rc =
+            gethostbyname_r(name.c_str(), &entry, work, sizeof work, &result, &error_code);
         if (rc == 0 && result != nullptr) return true;
         if (error_code != TRY_AGAIN) break;
     }
@@ -341,7 +340,7 @@ Paths library_paths() {
 }
 
 bool exists(const std::string& path) {
-    struct stat st{};
+    struct stat st {};
     return !path.empty() && ::stat(path.c_str(), &st) == 0;
 }
 
@@ -363,8 +362,7 @@ std::vector<std::string> session_lines(const std::string& path) {
 
 // "HH:MM:SS S: TEXT" -> kind 'S' and TEXT.
 bool split_log_line(const std::string& line, char* kind, std::string* text) {
-    if (line.size() < 12 || line[2] != ':' || line[5] != ':' || line[8] != ' ' ||
-        line[10] != ':')
+    if (line.size() < 12 || line[2] != ':' || line[5] != ':' || line[8] != ' ' || line[10] != ':')
         return false;
     *kind = line[9];
     *text = line.size() > 12 ? line.substr(12) : std::string();
@@ -373,10 +371,10 @@ bool split_log_line(const std::string& line, char* kind, std::string* text) {
 
 // What the session of the mail log tells about the failure.
 struct SessionFacts {
-    std::string phase;         // of the last command sent
-    std::string last_reply;    // the server's last reply line
-    std::string resolver_fail; // "gethostbyname_r" error line seen
-    int pieces = 0;            // MAIL FROM commands sent
+    std::string phase;          // of the last command sent
+    std::string last_reply;     // the server's last reply line
+    std::string resolver_fail;  // "gethostbyname_r" error line seen
+    int pieces = 0;             // MAIL FROM commands sent
 };
 
 SessionFacts session_facts(const std::vector<std::string>& lines) {
@@ -390,13 +388,20 @@ SessionFacts session_facts(const std::vector<std::string>& lines) {
             continue;
         }
         if (kind == 'S') {
-            if (text.rfind("EHLO", 0) == 0 || text.rfind("HELO", 0) == 0) facts.phase = "greeting";
-            else if (text.rfind("AUTH", 0) == 0) facts.phase = "auth";
-            else if (text.rfind("MAIL FROM", 0) == 0) facts.phase = "mail", ++facts.pieces;
-            else if (text.rfind("RCPT TO", 0) == 0) facts.phase = "rcpt";
-            else if (text.rfind("DATA", 0) == 0) facts.phase = "data";
-            else if (text.rfind("QUIT", 0) == 0) facts.phase = "quit";
-            else if (text.rfind("RSET", 0) == 0) facts.phase = "rset";
+            if (text.rfind("EHLO", 0) == 0 || text.rfind("HELO", 0) == 0)
+                facts.phase = "greeting";
+            else if (text.rfind("AUTH", 0) == 0)
+                facts.phase = "auth";
+            else if (text.rfind("MAIL FROM", 0) == 0)
+                facts.phase = "mail", ++facts.pieces;
+            else if (text.rfind("RCPT TO", 0) == 0)
+                facts.phase = "rcpt";
+            else if (text.rfind("DATA", 0) == 0)
+                facts.phase = "data";
+            else if (text.rfind("QUIT", 0) == 0)
+                facts.phase = "quit";
+            else if (text.rfind("RSET", 0) == 0)
+                facts.phase = "rset";
             else if (text.rfind("USER", 0) == 0 || text.rfind("PASS", 0) == 0 ||
                      text.rfind("STAT", 0) == 0)
                 facts.phase = "pop";
@@ -449,8 +454,14 @@ int exit_code_for(int result, bool require_auth, const std::string& detail,
         case KEMAIL_E_WORK_FILE: {
             const long number = std::strtol(detail.c_str(), nullptr, 10);
             switch (number) {
-                case 0: case EACCES: case EPERM: case ENOENT: case EROFS: case ENOTDIR:
-                case EEXIST: case ENAMETOOLONG: return EX_CANTCREAT;
+                case 0:
+                case EACCES:
+                case EPERM:
+                case ENOENT:
+                case EROFS:
+                case ENOTDIR:
+                case EEXIST:
+                case ENAMETOOLONG: return EX_CANTCREAT;
                 default: return EX_IOERR;
             }
         }
@@ -463,10 +474,8 @@ int exit_code_for(int result, bool require_auth, const std::string& detail,
             if (facts.phase == "mail" || facts.phase == "rcpt") return EX_DATAERR;
             return EX_UNAVAILABLE;
         case KEMAIL_E_ATTACHMENT: return EX_NOINPUT;
-        case KEMAIL_E_UNREACHABLE:
-            return server_resolves ? EX_TEMPFAIL : EX_NOHOST;
-        case KEMAIL_E_POP_UNREACHABLE:
-            return server_resolves ? EX_TEMPFAIL : EX_NOHOST;
+        case KEMAIL_E_UNREACHABLE: return server_resolves ? EX_TEMPFAIL : EX_NOHOST;
+        case KEMAIL_E_POP_UNREACHABLE: return server_resolves ? EX_TEMPFAIL : EX_NOHOST;
         case KEMAIL_E_POP_REFUSED:
         case KEMAIL_E_AUTH_REFUSED:
         case KEMAIL_E_NO_AUTH: return EX_NOPERM;
@@ -475,10 +484,34 @@ int exit_code_for(int result, bool require_auth, const std::string& detail,
 }
 
 enum Option {
-    kFrom = 1000, kTo, kSubject, kBody, kAttach, kAttachDelete, kServer, kPort, kSplit,
-    kPartSize, kTimeoutConnect, kTimeoutMail, kTimeoutRcpt, kTimeoutData, kTimeoutBlock,
-    kTimeoutEnd, kAuthMechanisms, kUser, kPasswordFile, kRequireAuth, kPopServer, kPopPort,
-    kPopUser, kPopPasswordFile, kPopWait, kPopTimeout, kJson, kVersion,
+    kFrom = 1000,
+    kTo,
+    kSubject,
+    kBody,
+    kAttach,
+    kAttachDelete,
+    kServer,
+    kPort,
+    kSplit,
+    kPartSize,
+    kTimeoutConnect,
+    kTimeoutMail,
+    kTimeoutRcpt,
+    kTimeoutData,
+    kTimeoutBlock,
+    kTimeoutEnd,
+    kAuthMechanisms,
+    kUser,
+    kPasswordFile,
+    kRequireAuth,
+    kPopServer,
+    kPopPort,
+    kPopUser,
+    kPopPasswordFile,
+    kPopWait,
+    kPopTimeout,
+    kJson,
+    kVersion,
 };
 
 struct TimeoutOption {
@@ -538,8 +571,7 @@ int main(int argc, char** argv) {
     std::string from, to, subject, server, body_path, user, password_file;
     std::string pop_server, pop_user, pop_password_file, mechanisms;
     bool have_body = false, split = false, have_options = false, have_timeouts = false;
-    bool have_auth = false, have_pop = false, require_auth = false, json = false,
-         verbose = false;
+    bool have_auth = false, have_pop = false, require_auth = false, json = false, verbose = false;
     std::vector<std::pair<uint32_t, std::string>> attachments;
     SendOptionInfo options{64, 0};
     MailTimeoutInfo timeouts{300, 300, 300, 120, 180, 600};
@@ -577,8 +609,12 @@ int main(int argc, char** argv) {
                                        ": needs 10..100 (KiB)");
                 options.lPartSize = static_cast<int32_t>(value), have_options = true;
                 break;
-            case kTimeoutConnect: case kTimeoutMail: case kTimeoutRcpt: case kTimeoutData:
-            case kTimeoutBlock: case kTimeoutEnd: {
+            case kTimeoutConnect:
+            case kTimeoutMail:
+            case kTimeoutRcpt:
+            case kTimeoutData:
+            case kTimeoutBlock:
+            case kTimeoutEnd: {
                 const TimeoutOption& t = timeout_options[opt - kTimeoutConnect];
                 if (!parse_number(optarg, 60, 3600, &value))
                     return usage_error(std::string(t.name) + " " + optarg +
@@ -617,10 +653,8 @@ int main(int argc, char** argv) {
             case kVersion:
                 std::printf("%s %s (libkemail)\n", kProgram, KEMAIL_VERSION);
                 return EX_OK;
-            case ':':
-                return usage_error(std::string(argv[optind - 1]) + " needs a value");
-            default:
-                return usage_error(std::string("unknown option ") + argv[optind - 1]);
+            case ':': return usage_error(std::string(argv[optind - 1]) + " needs a value");
+            default: return usage_error(std::string("unknown option ") + argv[optind - 1]);
         }
     }
     if (optind < argc) return usage_error(std::string("unexpected argument ") + argv[optind]);
@@ -694,7 +728,7 @@ int main(int argc, char** argv) {
             error(std::string(option) + " " + path + ": cannot read: " + std::strerror(errno));
             return EX_NOINPUT;
         }
-        struct stat st{};
+        struct stat st {};
         const int stat_rc = ::fstat(fd, &st);
         const int stat_errno = errno;
         if (::close(fd) != 0 && stat_rc == 0) {
@@ -720,8 +754,8 @@ int main(int argc, char** argv) {
         std::string password;
         if (!password_file.empty()) {
             if (!read_secret_file(password_file, &password)) {
-                error("--password-file " + password_file + ": cannot read: " +
-                      std::strerror(errno));
+                error("--password-file " + password_file +
+                      ": cannot read: " + std::strerror(errno));
                 return EX_NOINPUT;
             }
         } else if (const char* env = std::getenv("KEMAIL_PASSWORD")) {
@@ -738,8 +772,8 @@ int main(int argc, char** argv) {
         std::string password;
         if (!pop_password_file.empty()) {
             if (!read_secret_file(pop_password_file, &password)) {
-                error("--pop-password-file " + pop_password_file + ": cannot read: " +
-                      std::strerror(errno));
+                error("--pop-password-file " + pop_password_file +
+                      ": cannot read: " + std::strerror(errno));
                 return EX_NOINPUT;
             }
         } else if (const char* env = std::getenv("KEMAIL_POP_PASSWORD")) {
@@ -787,8 +821,8 @@ int main(int argc, char** argv) {
     const std::string detail = message;
     const bool have_log = exists(paths.mail_log);
     const bool have_trace = exists(paths.trace);
-    const std::vector<std::string> session = have_log ? session_lines(paths.mail_log)
-                                                      : std::vector<std::string>();
+    const std::vector<std::string> session =
+        have_log ? session_lines(paths.mail_log) : std::vector<std::string>();
     SessionFacts facts = session_facts(session);
     if (!have_log) facts.phase.clear();
     const ResultName* known = find_result(result);
@@ -838,12 +872,13 @@ int main(int argc, char** argv) {
         if (verbose || terminal)
             std::fprintf(stderr, "%s: sent: %s (%d)\n", kProgram, name, result);
     } else {
-        std::string line = std::string("failed: ") + name + cat(" (", std::to_string(result)) + "): " +
-                           (known ? known->meaning : "unknown result");
+        std::string line = std::string("failed: ") + name + cat(" (", std::to_string(result)) +
+                           "): " + (known ? known->meaning : "unknown result");
         if (!facts.phase.empty() && facts.phase != "checks") line += " [" + facts.phase + "]";
         if (!host_resolves)
-            line = std::string("failed: ") + name + cat(" (", std::to_string(result)) + "): " +
-                   (result == KEMAIL_E_UNREACHABLE ? server : pop_server) + " does not resolve";
+            line = std::string("failed: ") + name + cat(" (", std::to_string(result)) +
+                   "): " + (result == KEMAIL_E_UNREACHABLE ? server : pop_server) +
+                   " does not resolve";
         error(line);
         if (!decoded.empty()) error("detail: " + decoded);
         if (known && known->detail != Detail::Reply && !facts.last_reply.empty() &&

@@ -100,78 +100,42 @@ struct CodeInfo {
 
 // Codes whose data has a known layout, and the codes written for failures.
 const CodeInfo kCodes[] = {
-    {"ACERTFFFF", Layout::PublicResult, false},
-    {"EMAILAPI1140", Layout::PublicResult, true},
-    {"getsmtp0030", Layout::Resolver, true},
-    {"smtp0010", Layout::Resolver, true},
-    {"smtp0020", Layout::Errno, true},
-    {"smtp0040", Layout::Errno, true},
-    {"smtp0050", Layout::Errno, true},
-    {"smtp0105", Layout::Errno, true},
-    {"smtp0120", Layout::Errno, true},
-    {"smtp0121A", Layout::Errno, true},
-    {"smtp0121D", Layout::Errno, true},
-    {"smtp0121Q", Layout::Result, true},
-    {"smtp0121S", Layout::Errno, true},
-    {"smtp0125", Layout::Errno, true},
-    {"smtp0220", Layout::Errno, true},
-    {"smtp0420", Layout::Errno, true},
-    {"smtp0505", Layout::Errno, true},
-    {"smtp0510", Layout::Errno, true},
-    {"smtp0d05", Layout::Errno, true},
-    {"smtp0e03", Layout::Errno, true},
-    {"smtp0e05", Layout::Errno, true},
-    {"smtp0f02", Layout::Errno, true},
-    {"smtp0f03", Layout::Errno, true},
-    {"smtp0f05", Layout::Errno, true},
-    {"AUTHR0005", Layout::Errno, true},
-    {"INIAH0030", Layout::Result, true},
-    {"AUTHR0010", Layout::None, true},
-    {"AUTHR0025", Layout::None, true},
-    {"CHKOVER0010", Layout::None, true},
-    {"GETSLCT0010", Layout::None, true},
-    {"GETSLCT0020", Layout::None, true},
-    {"INCRAM0015", Layout::None, true},
-    {"INCRAM0020", Layout::None, true},
-    {"INCRAM0040", Layout::None, true},
-    {"INIAH0015", Layout::None, true},
-    {"INIAH0020", Layout::None, true},
-    {"INLGIN0020", Layout::None, true},
-    {"INLGIN0050", Layout::None, true},
-    {"INLGIN0070", Layout::None, true},
-    {"INPLAN0025", Layout::None, true},
-    {"RSET0020", Layout::None, true},
-    {"smtp0115", Layout::None, true},
-    {"smtp0121", Layout::None, true},
-    {"smtp0121V", Layout::None, true},
-    {"smtp0130", Layout::None, true},
-    {"smtp0140", Layout::None, true},
-    {"smtp0150", Layout::None, true},
-    {"smtp0190", Layout::None, true},
-    {"smtp0410-2", Layout::None, true},
-    {"smtp0e00", Layout::None, true},
-    {"smtp0e10", Layout::None, true},
-    {"smtp0f10", Layout::None, true},
-    {"smtp1010", Layout::None, true},
-    {"smtp1020", Layout::None, true},
-    {"smtp1210", Layout::None, true},
-    {"EMAILAPI0010", Layout::None, true},
-    {"EMAILAPI0020", Layout::None, true},
-    {"EMAILAPI0030", Layout::None, true},
-    {"EMAILAPI0035", Layout::None, true},
-    {"EMAILAPI0036", Layout::None, true},
-    {"EMAILAPI0037", Layout::None, true},
-    {"EMAILAPI0040", Layout::None, true},
-    {"EMAILAPI0042", Layout::None, true},
-    {"EMAILAPI0043", Layout::None, true},
-    {"EMAILAPI0045", Layout::None, true},
-    {"EMAILAPI0046", Layout::None, true},
-    {"EMAILAPI0053", Layout::None, true},
-    {"EMAILAPI0056", Layout::None, true},
-    {"EMAILAPI0057", Layout::None, true},
-    {"EMAILAPI1020", Layout::None, true},
-    {"EMAILAPI1120", Layout::None, true},
-    {"EMAILAPI1145", Layout::None, true},
+    {"ACERTFFFF", Layout::PublicResult, false}, {"EMAILAPI1140", Layout::PublicResult, true},
+    {"getsmtp0030", Layout::Resolver, true},    {"smtp0010", Layout::Resolver, true},
+    {"smtp0020", Layout::Errno, true},          {"smtp0040", Layout::Errno, true},
+    {"smtp0050", Layout::Errno, true},          {"smtp0105", Layout::Errno, true},
+    {"smtp0120", Layout::Errno, true},          {"smtp0121A", Layout::Errno, true},
+    {"smtp0121D", Layout::Errno, true},         {"smtp0121Q", Layout::Result, true},
+    {"smtp0121S", Layout::Errno, true},         {"smtp0125", Layout::Errno, true},
+    {"smtp0220", Layout::Errno, true},          {"smtp0420", Layout::Errno, true},
+    {"smtp0505", Layout::Errno, true},          {"smtp0510", Layout::Errno, true},
+    {"smtp0d05", Layout::Errno, true},          {"smtp0e03", Layout::Errno, true},
+    {"smtp0e05", Layout::Errno, true},          {"smtp0f02", Layout::Errno, true},
+    {"smtp0f03", Layout::Errno, true},          {"smtp0f05", Layout::Errno, true},
+    {"AUTHR0005", Layout::Errno, true},         {"INIAH0030", Layout::Result, true},
+    {"AUTHR0010", Layout::None, true},          {"AUTHR0025", Layout::None, true},
+    {"CHKOVER0010", Layout::None, true},        {"GETSLCT0010", Layout::None, true},
+    {"GETSLCT0020", Layout::None, true},        {"INCRAM0015", Layout::None, true},
+    {"INCRAM0020", Layout::None, true},         {"INCRAM0040", Layout::None, true},
+    {"INIAH0015", Layout::None, true},          {"INIAH0020", Layout::None, true},
+    {"INLGIN0020", Layout::None, true},         {"INLGIN0050", Layout::None, true},
+    {"INLGIN0070", Layout::None, true},         {"INPLAN0025", Layout::None, true},
+    {"RSET0020", Layout::None, true},           {"smtp0115", Layout::None, true},
+    {"smtp0121", Layout::None, true},           {"smtp0121V", Layout::None, true},
+    {"smtp0130", Layout::None, true},           {"smtp0140", Layout::None, true},
+    {"smtp0150", Layout::None, true},           {"smtp0190", Layout::None, true},
+    {"smtp0410-2", Layout::None, true},         {"smtp0e00", Layout::None, true},
+    {"smtp0e10", Layout::None, true},           {"smtp0f10", Layout::None, true},
+    {"smtp1010", Layout::None, true},           {"smtp1020", Layout::None, true},
+    {"smtp1210", Layout::None, true},           {"EMAILAPI0010", Layout::None, true},
+    {"EMAILAPI0020", Layout::None, true},       {"EMAILAPI0030", Layout::None, true},
+    {"EMAILAPI0035", Layout::None, true},       {"EMAILAPI0036", Layout::None, true},
+    {"EMAILAPI0037", Layout::None, true},       {"EMAILAPI0040", Layout::None, true},
+    {"EMAILAPI0042", Layout::None, true},       {"EMAILAPI0043", Layout::None, true},
+    {"EMAILAPI0045", Layout::None, true},       {"EMAILAPI0046", Layout::None, true},
+    {"EMAILAPI0053", Layout::None, true},       {"EMAILAPI0056", Layout::None, true},
+    {"EMAILAPI0057", Layout::None, true},       {"EMAILAPI1020", Layout::None, true},
+    {"EMAILAPI1120", Layout::None, true},       {"EMAILAPI1145", Layout::None, true},
 };
 
 const CodeInfo* code_info(const std::string& code) {
@@ -327,7 +291,8 @@ std::string hex_of(const std::string& data) {
 
 // A server reply traced as data: "NNN " or "NNN-" (SMTP), "+OK"/"-ERR" (POP3).
 bool is_reply(const std::string& data) {
-    if (data.size() >= 4 && data[0] >= '2' && data[0] <= '5' && std::isdigit(static_cast<unsigned char>(data[1])) &&
+    if (data.size() >= 4 && data[0] >= '2' && data[0] <= '5' &&
+        std::isdigit(static_cast<unsigned char>(data[1])) &&
         std::isdigit(static_cast<unsigned char>(data[2])) && (data[3] == ' ' || data[3] == '-'))
         return true;
     return data.rfind("+OK", 0) == 0 || data.rfind("-ERR", 0) == 0;
@@ -348,7 +313,8 @@ bool parse_size(const char* text, unsigned long* kb) {
     char* end = nullptr;
     errno = 0;
     const unsigned long value = std::strtoul(text, &end, 10);
-    if (errno != 0 || end == text || *end != '\0' || value == 0 || value > (1ul << 22)) return false;
+    if (errno != 0 || end == text || *end != '\0' || value == 0 || value > (1ul << 22))
+        return false;
     *kb = value;
     return true;
 }
@@ -532,7 +498,8 @@ int main(int argc, char** argv) {
         }
         chosen.push_back(&line);
     }
-    if (have_tail && chosen.size() > tail) chosen.erase(chosen.begin(), chosen.end() - static_cast<long>(tail));
+    if (have_tail && chosen.size() > tail)
+        chosen.erase(chosen.begin(), chosen.end() - static_cast<long>(tail));
 
     if (summary) {
         const Record* result = nullptr;
@@ -554,8 +521,9 @@ int main(int argc, char** argv) {
                         code_text(r->code).c_str(), what.empty() ? "" : " ", what.c_str());
         };
         show("result:", result, result ? decode(*result) : "");
-        show("last failing step:", failure,
-             failure ? (decode(*failure).empty() ? one_line(failure->data) : decode(*failure)) : "");
+        show(
+            "last failing step:", failure,
+            failure ? (decode(*failure).empty() ? one_line(failure->data) : decode(*failure)) : "");
         show("server's last reply:", reply, reply ? one_line(reply->data) : "");
         return 0;
     }
@@ -565,8 +533,10 @@ int main(int argc, char** argv) {
     size_t width = 0;  // 0: no cut
     if (!full && !json && ::isatty(STDOUT_FILENO) == 1) {
         struct winsize size = {};
-        if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) width = size.ws_col;
-        else width = 80;
+        if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
+            width = size.ws_col;
+        else
+            width = 80;
     }
     for (const Line* line : chosen) {
         const std::string prefix = several ? base_name(paths[line->file]) + ": " : "";
@@ -577,14 +547,14 @@ int main(int argc, char** argv) {
         const Record& r = line->item.record;
         const std::string decoded = decode(r);
         if (json) {
-            std::printf("{%s\"time\":%u,\"time_text\":%s,\"code\":%s,\"data_hex\":%s,"
-                        "\"data_text\":%s,\"decoded\":%s,\"failure\":%s,\"offset\":%zu}\n",
-                        several ? ("\"file\":" + json_string(paths[line->file]) + ",").c_str() : "",
-                        r.time, json_string(time_text(r.time)).c_str(),
-                        json_string(r.code).c_str(), json_string(hex_of(r.data)).c_str(),
-                        json_string(r.data).c_str(),
-                        decoded.empty() ? "null" : json_string(decoded).c_str(),
-                        is_failure(r) ? "true" : "false", r.offset);
+            std::printf(
+                "{%s\"time\":%u,\"time_text\":%s,\"code\":%s,\"data_hex\":%s,"
+                "\"data_text\":%s,\"decoded\":%s,\"failure\":%s,\"offset\":%zu}\n",
+                several ? ("\"file\":" + json_string(paths[line->file]) + ",").c_str() : "", r.time,
+                json_string(time_text(r.time)).c_str(), json_string(r.code).c_str(),
+                json_string(hex_of(r.data)).c_str(), json_string(r.data).c_str(),
+                decoded.empty() ? "null" : json_string(decoded).c_str(),
+                is_failure(r) ? "true" : "false", r.offset);
             continue;
         }
         std::string text = prefix + time_text(r.time) + " " + code_text(r.code);
@@ -593,7 +563,8 @@ int main(int argc, char** argv) {
             if (width > 0) {
                 // Each byte takes 3 columns of hex and 1 of text, plus the
                 // frame and the note about the cut.
-                const size_t used = text.size() + 8 + 32 + (decoded.empty() ? 0 : decoded.size() + 3);
+                const size_t used =
+                    text.size() + 8 + 32 + (decoded.empty() ? 0 : decoded.size() + 3);
                 shown = width > used ? std::min(shown, (width - used) / 4) : 0;
                 if (shown == 0) shown = std::min<size_t>(r.data.size(), 4);
             }

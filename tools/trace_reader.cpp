@@ -48,12 +48,12 @@ void add_note(Ring* ring, std::string text) {
 
 // A stretch of bytes that belongs to no record, trimmed of the zero bytes
 // (unused ring space) around it; an all-zero stretch is not reported.
-void note_skipped(Ring* ring, std::string_view stream, size_t from, size_t to,
-                  const RingMap& map) {
+void note_skipped(Ring* ring, std::string_view stream, size_t from, size_t to, const RingMap& map) {
     while (from < to && stream[from] == '\0') ++from;
     while (to > from && stream[to - 1] == '\0') --to;
     if (from >= to) return;
-    add_note(ring, cat("skipped ", std::to_string(to - from)) + " bytes without a marker at file offset " +
+    add_note(ring, cat("skipped ", std::to_string(to - from)) +
+                       " bytes without a marker at file offset " +
                        std::to_string(map.offset_of(from)));
 }
 
@@ -121,7 +121,8 @@ void read_records(std::string_view stream, const RingMap& map, Ring* ring) {
             const size_t data_begin = data_marker + kMarkerSize;
             const size_t data_end = find_data_end(stream, data_begin);
             if (data_end == std::string_view::npos) {
-                add_note(ring, "skipped an incomplete record" + at + ": its data has no end marker");
+                add_note(ring,
+                         "skipped an incomplete record" + at + ": its data has no end marker");
                 ++ring->incomplete;
                 pos = start + kMarkerSize;
                 continue;
@@ -153,20 +154,22 @@ bool read_ring(const std::string& file, size_t ring_size, Ring* ring, std::strin
     size_t ring_end = file.size();
     if (ring_size != 0) {
         if (ring_size < file.size()) {
-            add_note(ring, cat("ignored ", std::to_string(file.size() - ring_size)) + " bytes past the " +
-                               std::to_string(ring_size / 1024) + " KB ring");
+            add_note(ring, cat("ignored ", std::to_string(file.size() - ring_size)) +
+                               " bytes past the " + std::to_string(ring_size / 1024) + " KB ring");
             ring_end = std::max(ring_size, kHeaderSize);
         } else if (ring_size > file.size()) {
-            add_note(ring, cat("the file is only ", std::to_string(file.size())) +
-                               cat(" bytes long, shorter than the ", std::to_string(ring_size / 1024)) +
-                               " KB ring; reading what is there");
+            add_note(ring,
+                     cat("the file is only ", std::to_string(file.size())) +
+                         cat(" bytes long, shorter than the ", std::to_string(ring_size / 1024)) +
+                         " KB ring; reading what is there");
         }
     }
     const std::string_view bytes(file.data(), ring_end);
     size_t write_offset = word_at(bytes, 0);
     if (write_offset < kHeaderSize || write_offset > ring_end) {
-        add_note(ring, cat("write offset ", std::to_string(write_offset)) + " is out of range (4 to " +
-                           std::to_string(ring_end) + "); reading the ring from offset 4");
+        add_note(ring, cat("write offset ", std::to_string(write_offset)) +
+                           " is out of range (4 to " + std::to_string(ring_end) +
+                           "); reading the ring from offset 4");
         write_offset = kHeaderSize;
     }
     // Oldest first: from the write offset to the end, then from offset 4 up
@@ -183,8 +186,8 @@ bool looks_like_trace(const std::string& file, const Ring& ring) {
     if (ring.records > 0 || ring.incomplete > 0) return true;
     if (file.size() < kHeaderSize) return false;
     const std::string_view bytes(file);
-    if (bytes.find(kStart) != std::string_view::npos || bytes.find(kData) != std::string_view::npos ||
-        bytes.find(kEnd) != std::string_view::npos)
+    if (bytes.find(kStart) != std::string_view::npos ||
+        bytes.find(kData) != std::string_view::npos || bytes.find(kEnd) != std::string_view::npos)
         return true;  // damaged or cut, but made of trace records
     // An empty ring: the write offset inside the file, zero bytes behind it.
     const uint32_t offset = word_at(bytes, 0);

@@ -17,10 +17,10 @@
 namespace trace_reader {
 
 struct Record {
-    uint32_t time = 0;    // seconds since the epoch
-    std::string code;     // raw bytes of the code text
-    std::string data;     // raw data bytes; empty when the record has none
-    size_t offset = 0;    // file offset of its "SSSS"
+    uint32_t time = 0;  // seconds since the epoch
+    std::string code;   // raw bytes of the code text
+    std::string data;   // raw data bytes; empty when the record has none
+    size_t offset = 0;  // file offset of its "SSSS"
 };
 
 // What the reader met in order: a record, or a note about bytes that belong

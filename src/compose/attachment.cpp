@@ -93,8 +93,8 @@ Copy copy_by_lines(int file, int fd, unsigned int* pulErr) {
             return Copy::ReadFailed;
         }
         if (n == 0) return Copy::Done;
-        size_t length = static_cast<size_t>(
-            SMTP_toBase64(reinterpret_cast<unsigned char*>(s_szRecvBuf), s_szSendBuf, static_cast<int>(n)));
+        size_t length = static_cast<size_t>(SMTP_toBase64(
+            reinterpret_cast<unsigned char*>(s_szRecvBuf), s_szSendBuf, static_cast<int>(n)));
         s_szSendBuf[length++] = '\r';
         s_szSendBuf[length++] = '\n';
         if (!write_all(fd, s_szSendBuf, length, pulErr)) return Copy::WriteFailed;
@@ -113,8 +113,9 @@ Copy copy_by_blocks(int file, int fd, unsigned char* in, char* out, unsigned int
         if (n == 0) return Copy::Done;
         char* o = out;
         for (size_t done = 0; done < static_cast<size_t>(n); done += kLineBytes) {
-            const size_t take = static_cast<size_t>(n) - done < kLineBytes ? static_cast<size_t>(n) - done
-                                                                            : kLineBytes;
+            const size_t take = static_cast<size_t>(n) - done < kLineBytes
+                                    ? static_cast<size_t>(n) - done
+                                    : kLineBytes;
             o += base64_encode(in + done, take, o);
             *o++ = '\r';
             *o++ = '\n';
@@ -128,7 +129,8 @@ Copy copy_base64(int file, int fd, unsigned int* pulErr) {
     if (fstat(file, &st) == 0 && S_ISREG(st.st_mode)) {
         // A regular file returns short reads only at its end, so block reads
         // cut the lines exactly where 51-byte reads would.
-        UniqueMalloc<unsigned char> in(static_cast<unsigned char*>(std::malloc(kLineBytes * kLinesPerBlock)));
+        UniqueMalloc<unsigned char> in(
+            static_cast<unsigned char*>(std::malloc(kLineBytes * kLinesPerBlock)));
         UniqueMalloc<char> out(static_cast<char*>(std::malloc(kLineWithEnd * kLinesPerBlock + 1)));
         if (in && out) return copy_by_blocks(file, fd, in.get(), out.get(), pulErr);
     }
@@ -169,7 +171,8 @@ KEMAIL_API int SMTP_makeAppendData(int lFile, const char* pszPath, const char* p
     if (!write_traced(lFile, kEncoding, sizeof kEncoding - 1, "smtp0715", pulErr)) return -33;
     if (Content_D_flg == 1) {
         trace(g_trace, 0, "smtp0718");
-        n = format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut, "Content-Disposition: \"%s\"\r\n", name);
+        n = format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut,
+                        "Content-Disposition: \"%s\"\r\n", name);
     } else {
         trace(g_trace, 0, "smtp0717");
         n = format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut,
@@ -183,8 +186,8 @@ KEMAIL_API int SMTP_makeAppendData(int lFile, const char* pszPath, const char* p
     // Devices and sockets are refused: /dev/zero would fill the work file
     // without end (test BadInput.EndlessDeviceAsAttachmentIsRefusedInsteadOfRead).
     // A directory fails at its first read (EISDIR), as it always has.
-    UniqueFd file(retry_on_eintr(
-        [&] { return ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); }));
+    UniqueFd file(
+        retry_on_eintr([&] { return ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); }));
     struct stat status = {};
     if (file.valid()) {
         int refused = 0;
@@ -204,14 +207,9 @@ KEMAIL_API int SMTP_makeAppendData(int lFile, const char* pszPath, const char* p
         return -31;
     }
     switch (copy_base64(file.get(), lFile, pulErr)) {
-        case Copy::ReadFailed:
-            trace_word(g_trace, 0, "smtp0735", *pulErr);
-            return -32;
-        case Copy::WriteFailed:
-            trace_word(g_trace, 0, "smtp0740", *pulErr);
-            return -33;
-        case Copy::Done:
-            break;
+        case Copy::ReadFailed: trace_word(g_trace, 0, "smtp0735", *pulErr); return -32;
+        case Copy::WriteFailed: trace_word(g_trace, 0, "smtp0740", *pulErr); return -33;
+        case Copy::Done: break;
     }
     trace(g_trace, 0, "smtp0736");
     file.reset();

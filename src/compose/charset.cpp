@@ -85,16 +85,17 @@ KEMAIL_API iconv_t Cnv_open(const char* pszFrom, const char* pszTo) noexcept {
     return iconv_open(pszTo, pszFrom);
 }
 
-KEMAIL_API int Cnv_euctosjis(iconv_t cd, unsigned int ulInLen, const char* pIn, unsigned int ulOutCap,
-                             char* pOut, unsigned int* pulOutLen) noexcept {
+KEMAIL_API int Cnv_euctosjis(iconv_t cd, unsigned int ulInLen, const char* pIn,
+                             unsigned int ulOutCap, char* pOut, unsigned int* pulOutLen) noexcept {
     // Shift_JIS never takes more bytes than the EUC-JP it comes from.
     return convert(cd, ulInLen, pIn, ulOutCap, pOut, pulOutLen, static_cast<size_t>(ulInLen) + 1);
 }
 
-KEMAIL_API int Cnv_sjistoeuc(iconv_t cd, unsigned int ulInLen, const char* pIn, unsigned int ulOutCap,
-                             char* pOut, unsigned int* pulOutLen) noexcept {
+KEMAIL_API int Cnv_sjistoeuc(iconv_t cd, unsigned int ulInLen, const char* pIn,
+                             unsigned int ulOutCap, char* pOut, unsigned int* pulOutLen) noexcept {
     // A one-byte half-width katakana becomes two bytes, some codes three.
-    return convert(cd, ulInLen, pIn, ulOutCap, pOut, pulOutLen, 3 * static_cast<size_t>(ulInLen) + 1);
+    return convert(cd, ulInLen, pIn, ulOutCap, pOut, pulOutLen,
+                   3 * static_cast<size_t>(ulInLen) + 1);
 }
 
 KEMAIL_API void Cnv_close(iconv_t cd) noexcept {

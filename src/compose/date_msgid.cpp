@@ -95,7 +95,8 @@ extern "C" {
 KEMAIL_API int SMTP_makeDate(char* pszOut) noexcept {
     if (pszOut == nullptr) return 0;
     const int zone_hours = SMTP_GetTimeDifference();
-    const int zone_minutes = 0;  // Kept: a half-hour zone loses its minutes (test Date.HalfHourZoneLosesItsMinutes).
+    const int zone_minutes =
+        0;  // Kept: a half-hour zone loses its minutes (test Date.HalfHourZoneLosesItsMinutes).
     const time_t now = time(nullptr);
     struct tm local = {};
     localtime_r(&now, &local);
@@ -103,8 +104,8 @@ KEMAIL_API int SMTP_makeDate(char* pszOut) noexcept {
     return static_cast<int>(format_into(
         pszOut, KEMAIL_DATE_SIZE, Overflow::Cut, "%s, %02d %s %04d %02d:%02d:%02d %s%02d%02d",
         kDayNames[local.tm_wday % 7], local.tm_mday, kMonthNames[local.tm_mon % 12],
-        local.tm_year + 1900, local.tm_hour, local.tm_min, local.tm_sec,
-        zone_hours > 0 ? "+" : "-", std::abs(zone_hours), std::abs(zone_minutes)));
+        local.tm_year + 1900, local.tm_hour, local.tm_min, local.tm_sec, zone_hours > 0 ? "+" : "-",
+        std::abs(zone_hours), std::abs(zone_minutes)));
 }
 
 KEMAIL_API void SMTP_MakeMsgId(char* pszOut) noexcept {

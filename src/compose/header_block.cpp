@@ -36,7 +36,8 @@ int put_address_lines(HeaderSink& sink, const char* date, const char* from, cons
 
     RecipientCursor recipients(to);
     for (bool first = true; recipients.next(element, sizeof element); first = false) {
-        const size_t length = format_recipient_line(s_szSendBuf, sizeof s_szSendBuf, element, first);
+        const size_t length =
+            format_recipient_line(s_szSendBuf, sizeof s_szSendBuf, element, first);
         if ((result = sink.put(s_szSendBuf, length, codes.to)) != 0) {
             if (codes.to_stopped != nullptr) trace(g_trace, 2, codes.to_stopped);
             return result;

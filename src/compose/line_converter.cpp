@@ -44,14 +44,14 @@ int convert_lines(iconv_t converter, const char* source, char* dest, size_t dest
     const char* const end = source + source_length;
     while (scratch != nullptr && piece < end) {
         const char* crlf = std::strstr(piece, "\r\n");
-        const size_t length = crlf ? static_cast<size_t>(crlf + 2 - piece)
-                                   : static_cast<size_t>(end - piece);
+        const size_t length =
+            crlf ? static_cast<size_t>(crlf + 2 - piece) : static_cast<size_t>(end - piece);
         std::memcpy(scratch, piece, length);
         scratch[length] = '\0';
         out_length = 0;
-        result = Cnv_euctosjis(converter, static_cast<unsigned>(length), scratch,
-                               static_cast<unsigned>(dest_size - 1 - used), dest + used,
-                               &out_length);
+        result =
+            Cnv_euctosjis(converter, static_cast<unsigned>(length), scratch,
+                          static_cast<unsigned>(dest_size - 1 - used), dest + used, &out_length);
         if (result < 0) break;
         used += out_length;
         piece += length;

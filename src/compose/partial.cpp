@@ -52,15 +52,18 @@ int send_outer_header(int sock, const char* from, const char* to, const char* su
     const PieceMark piece{number, total};
     if ((result = put_subject_line(sink, element, &piece, {nullptr, "smtp1440", "smtp1445"})) != 0)
         return result;
-    result = put_identity_lines(sink, {nullptr, "smtp1447", nullptr}, {nullptr, "smtp1450", nullptr});
+    result =
+        put_identity_lines(sink, {nullptr, "smtp1447", nullptr}, {nullptr, "smtp1450", nullptr});
     if (result != 0) return result;
     // Kept: the trace shows the line formatted last, the Subject line
     // (test Partial.MimeVersionTraceShowsTheSubjectLine).
     trace_text(g_trace, 2, "smtp1452", s_szSendBuf);
-    const int n = format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut,
-                              "Content-Type: message/partial; number=%d; total=%d;\r\n\tid=\"%s\"\r\n",
-                              number, total, id);
-    if ((result = sink.put(s_szSendBuf, static_cast<size_t>(n), {nullptr, "smtp1455", "smtp1458"})) != 0)
+    const int n =
+        format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut,
+                    "Content-Type: message/partial; number=%d; total=%d;\r\n\tid=\"%s\"\r\n",
+                    number, total, id);
+    if ((result =
+             sink.put(s_szSendBuf, static_cast<size_t>(n), {nullptr, "smtp1455", "smtp1458"})) != 0)
         return result;
     if ((result = send_text(sock, "\r\n", 2, "smtp1460", pulErr)) != 0) return result;
     trace_text(g_trace, 2, "smtp1465", s_szSendBuf);
@@ -80,7 +83,8 @@ KEMAIL_API int SMTP_makeid(char* pszId, const char* pszFrom) noexcept {
     trace_data(g_trace, 1, "smtp1500", pszId, strnlen(pszId, KEMAIL_PARTIAL_ID_SIZE));
     char sender[kElementBufferSize];
     copy_cut(sender, sizeof sender, pszFrom ? pszFrom : "");
-    for (char* at = std::strchr(sender, '@'); at != nullptr; at = std::strchr(at + 1, '@')) *at = '.';
+    for (char* at = std::strchr(sender, '@'); at != nullptr; at = std::strchr(at + 1, '@'))
+        *at = '.';
 
     char host[kHostNameSize] = {};
     gethostname(host, kHostNameSize - 1);
@@ -105,8 +109,8 @@ KEMAIL_API int SMTP_makeid(char* pszId, const char* pszFrom) noexcept {
     trace_word(g_trace, 2, "smtp1540", seconds);
     trace_word(g_trace, 2, "smtp1550", microseconds);
 
-    const int length = format_into(pszId, KEMAIL_PARTIAL_ID_SIZE, Overflow::Cut,
-                                   "luntb%x%x%s%x@%s", seconds, microseconds, host, host_id, sender);
+    const int length = format_into(pszId, KEMAIL_PARTIAL_ID_SIZE, Overflow::Cut, "luntb%x%x%s%x@%s",
+                                   seconds, microseconds, host, host_id, sender);
     trace_text(g_trace, 1, "smtp15FF", pszId);
     return static_cast<int>(length);
 }

@@ -171,7 +171,7 @@ extern "C" KEMAIL_API void SMTP_makeSubject(const char* pszSubject, char* pszOut
     // buffer for it. An encoded subject never needs more than
     // kElementBufferSize bytes, because its ISO-2022-JP form is bounded.
     const size_t ascii_size = std::strlen(subject) + 1;
-    kemail::make_subject(subject, pszOut,
-                         ascii_size > kemail::kElementBufferSize ? ascii_size
-                                                                 : kemail::kElementBufferSize);
+    kemail::make_subject(
+        subject, pszOut,
+        ascii_size > kemail::kElementBufferSize ? ascii_size : kemail::kElementBufferSize);
 }

@@ -189,7 +189,8 @@ extern "C" KEMAIL_API int SMTP_makeTopData(int lFile, const char* pszBodyPath, c
                                                     .to = {nullptr, "smtp0615", nullptr},
                                                     .to_stopped = nullptr,
                                                     .to_done = "smtp0616"};
-        if (put_address_lines(sink, date, pszFrom ? pszFrom : "", pszTo, element, kAddressCodes) != 0)
+        if (put_address_lines(sink, date, pszFrom ? pszFrom : "", pszTo, element, kAddressCodes) !=
+            0)
             return -33;
     }
 
@@ -206,10 +207,12 @@ extern "C" KEMAIL_API int SMTP_makeTopData(int lFile, const char* pszBodyPath, c
         trace(g_trace, 2, "smtp0618");
         element[0] = '\0';
     }
-    if (put_subject_line(sink, element, nullptr, {"smtp0619", "smtp0620", nullptr}) != 0) return -33;
+    if (put_subject_line(sink, element, nullptr, {"smtp0619", "smtp0620", nullptr}) != 0)
+        return -33;
 
     trace(g_trace, 2, "smtp0621");
-    if (put_identity_lines(sink, {nullptr, "smtp0623", nullptr}, {nullptr, "smtp0625", nullptr}) != 0)
+    if (put_identity_lines(sink, {nullptr, "smtp0623", nullptr}, {nullptr, "smtp0625", nullptr}) !=
+        0)
         return -33;
 
     if (lMultipart == 1) {
@@ -219,10 +222,12 @@ extern "C" KEMAIL_API int SMTP_makeTopData(int lFile, const char* pszBodyPath, c
         SMTP_makeBoundary(boundary);
         int n = format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut,
                             "Content-Type: multipart/mixed; boundary=\"%s\"\r\n", boundary);
-        if (!write_traced(lFile, s_szSendBuf, static_cast<size_t>(n), "smtp0630", pulErr)) return -33;
+        if (!write_traced(lFile, s_szSendBuf, static_cast<size_t>(n), "smtp0630", pulErr))
+            return -33;
         // The leading CR LF is the empty line that ends the message header.
         n = format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut, "\r\n--%s\r\n", boundary);
-        if (!write_traced(lFile, s_szSendBuf, static_cast<size_t>(n), "smtp0635", pulErr)) return -33;
+        if (!write_traced(lFile, s_szSendBuf, static_cast<size_t>(n), "smtp0635", pulErr))
+            return -33;
     }
 
     if (pszBodyPath == nullptr) {

@@ -2,5 +2,5 @@
 // opens and closes them; every layer above this one writes through them.
 #include "kemail.h"
 
-TraceHandle*   g_trace = nullptr;
+TraceHandle* g_trace = nullptr;
 MailLogHandle* g_pLogHandle = nullptr;

@@ -12,7 +12,7 @@
 
 // The trace directory and the mail-log directory.
 #define KEMAIL_TRACE_DIR KEMAIL_VAR_DIR "/tmp2"
-#define KEMAIL_LOG_DIR KEMAIL_VAR_DIR "/log"
+#define KEMAIL_LOG_DIR   KEMAIL_VAR_DIR "/log"
 
 namespace kemail {
 
@@ -50,8 +50,8 @@ constexpr size_t kOldFilePathSize = 1032;
 
 struct OldFile {
     OldFile* next;
-    time_t   mtime;
-    char     path[kOldFilePathSize];
+    time_t mtime;
+    char path[kOldFilePathSize];
 };
 
 // Inserts a node for path after every node at least as new; -1 without memory.

@@ -31,7 +31,8 @@ constexpr size_t kRotatePathLimit = 1022;
 // points to (test PlantedLinks.TraceMailLogAndWorkFileNamesNeverWriteThroughALink).
 int open_log_file(const char* path, int truncate) {
     constexpr int kAttempts = 10;
-    const int flags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | (truncate != 0 ? O_TRUNC : O_APPEND);
+    const int flags =
+        O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | (truncate != 0 ? O_TRUNC : O_APPEND);
     int fd = -1;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         fd = ::open(path, flags, 0644);
@@ -102,8 +103,8 @@ KEMAIL_API MailLogHandle* MailLogOpen(unsigned int /*ulUnused*/) noexcept {
         return nullptr;
     }
     // Always fits: the directory is fixed and a pid has at most 10 digits.
-    kemail::format_into(handle->path, sizeof handle->path, kemail::Overflow::Cut,
-                        "%s/kesmtp%d.log", KEMAIL_LOG_DIR, static_cast<int>(getpid()));
+    kemail::format_into(handle->path, sizeof handle->path, kemail::Overflow::Cut, "%s/kesmtp%d.log",
+                        KEMAIL_LOG_DIR, static_cast<int>(getpid()));
 
     uint32_t keep = handle->log_num;
     int truncate = 1;
@@ -127,8 +128,8 @@ KEMAIL_API MailLogHandle* MailLogOpen(unsigned int /*ulUnused*/) noexcept {
     char stamp[80];
     format_date_time(stamp, sizeof stamp);
     char banner[128];
-    kemail::format_into(banner, sizeof banner, kemail::Overflow::Cut,
-                        "%s [%d] NQ-Agent E-Mail\r\n", stamp, static_cast<int>(getpid()));
+    kemail::format_into(banner, sizeof banner, kemail::Overflow::Cut, "%s [%d] NQ-Agent E-Mail\r\n",
+                        stamp, static_cast<int>(getpid()));
     write_text(handle->fd, banner);
     return handle;
 }

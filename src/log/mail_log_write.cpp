@@ -16,9 +16,9 @@ namespace {
 
 const char* kind_tag(int kind) {
     switch (kind) {
-    case KEMAIL_LOG_SENT: return "S:";
-    case KEMAIL_LOG_RECEIVED: return "R:";
-    default: return "-:";
+        case KEMAIL_LOG_SENT: return "S:";
+        case KEMAIL_LOG_RECEIVED: return "R:";
+        default: return "-:";
     }
 }
 
@@ -44,8 +44,9 @@ void write_line(MailLogHandle* handle, int kind, const char* text) {
     struct tm local = {};
     localtime_r(&now, &local);
     char prefix[64];
-    const int prefix_length = format_into(prefix, sizeof prefix, Overflow::Cut, "%02d:%02d:%02d %s ",
-                                          local.tm_hour, local.tm_min, local.tm_sec, kind_tag(kind));
+    const int prefix_length =
+        format_into(prefix, sizeof prefix, Overflow::Cut, "%02d:%02d:%02d %s ", local.tm_hour,
+                    local.tm_min, local.tm_sec, kind_tag(kind));
     // Each part is written whole (a short write goes on with the rest); a
     // failed write ends the line: the log is not on the mail's path.
     if (prefix_length > 0 &&

@@ -49,14 +49,13 @@ using namespace kemail;
 
 extern "C" {
 
-KEMAIL_API int DeleteOldFiles(unsigned int /*ulUnused*/, const char* pszPrefix,
-                              unsigned int ulKeep, unsigned int ulLevel) noexcept {
+KEMAIL_API int DeleteOldFiles(unsigned int /*ulUnused*/, const char* pszPrefix, unsigned int ulKeep,
+                              unsigned int ulLevel) noexcept {
     return DeleteOldFiles_DIR(KEMAIL_TRACE_DIR, pszPrefix, "trc", ulKeep, ulLevel);
 }
 
-KEMAIL_API int DeleteOldFiles_DIR(const char* pszDir, const char* pszPrefix,
-                                  const char* /*pszExt*/, unsigned int ulKeep,
-                                  unsigned int ulLevel) noexcept {
+KEMAIL_API int DeleteOldFiles_DIR(const char* pszDir, const char* pszPrefix, const char* /*pszExt*/,
+                                  unsigned int ulKeep, unsigned int ulLevel) noexcept {
     if (ulLevel == 0) return 0;
     if (!pszDir || !pszPrefix) return -1;
     struct stat status;

@@ -39,8 +39,8 @@ KEMAIL_API int Trc_GetSizeLevel(const char* pszSection, unsigned int* pulSize,
     unsigned int level = kDefaultLevel;
     ProfileHandle* profile = pszSection ? Com_OpenPrivateProfile(KEMAIL_TRACE_CONF, 0) : nullptr;
     if (profile) {
-        size = static_cast<unsigned int>(Com_GetPrivateProfileInt(
-            profile, pszSection, "TRACESIZE", kDefaultSize, KEMAIL_TRACE_CONF));
+        size = static_cast<unsigned int>(Com_GetPrivateProfileInt(profile, pszSection, "TRACESIZE",
+                                                                  kDefaultSize, KEMAIL_TRACE_CONF));
         level = static_cast<unsigned int>(Com_GetPrivateProfileInt(
             profile, pszSection, "TRACELEVEL", kDefaultLevel, KEMAIL_TRACE_CONF));
         Com_ClosePrivateProfile(profile, KEMAIL_TRACE_CONF);

@@ -98,8 +98,8 @@ int Trc_CopyBlocks(int from, int to, uint32_t block_count) {
         }
         // A short write goes on with the rest of the block.
         for (size_t done = 0; done < sizeof block;) {
-            const ssize_t put = retry_on_eintr(
-                [&] { return ::write(to, block + done, sizeof block - done); });
+            const ssize_t put =
+                retry_on_eintr([&] { return ::write(to, block + done, sizeof block - done); });
             if (put <= 0) return -1;
             done += static_cast<size_t>(put);
         }
@@ -156,7 +156,8 @@ int open_ring(TraceHandle* handle, const char* path, uint32_t requested_kb, uint
 
 extern "C" {
 
-KEMAIL_API TraceHandle* Topen(const char* pszPath, unsigned int ulSizeKb, unsigned int ulLevel) noexcept {
+KEMAIL_API TraceHandle* Topen(const char* pszPath, unsigned int ulSizeKb,
+                              unsigned int ulLevel) noexcept {
     TraceHandle* handle = static_cast<TraceHandle*>(std::calloc(1, sizeof(TraceHandle)));
     if (!handle) return nullptr;
     if (Trc_InitLock() != 0) {
@@ -176,8 +177,7 @@ KEMAIL_API TraceHandle* Topen(const char* pszPath, unsigned int ulSizeKb, unsign
 KEMAIL_API int Tclose(TraceHandle* pHandle) noexcept {
     if (!pHandle) return -1;
     int result = 0;
-    if (pHandle->map &&
-        ::munmap(pHandle->map, static_cast<size_t>(pHandle->size_kb) * 1024) != 0) {
+    if (pHandle->map && ::munmap(pHandle->map, static_cast<size_t>(pHandle->size_kb) * 1024) != 0) {
         result = -1;
     }
     if (pHandle->fd != 0 && ::close(pHandle->fd) != 0) result = -1;

@@ -11,9 +11,7 @@ namespace kemail {
 
 namespace {
 
-size_t ring_size(const TraceHandle* handle) {
-    return static_cast<size_t>(handle->size_kb) * 1024;
-}
+size_t ring_size(const TraceHandle* handle) { return static_cast<size_t>(handle->size_kb) * 1024; }
 
 uint32_t load_offset(const TraceHandle* handle) {
     uint32_t offset;

@@ -27,8 +27,8 @@ ssize_t take_line_bytes(int sock, char* dst, size_t room, char prev, LineEnd end
     const ssize_t got = ::recv(sock, peeked, room < sizeof peeked ? room : sizeof peeked, MSG_PEEK);
     if (got <= 0) return got;
     size_t want = static_cast<size_t>(got);
-    for (const char* lf = peeked; (lf = static_cast<const char*>(
-                                       std::memchr(lf, '\n', peeked + got - lf))) != nullptr;
+    for (const char* lf = peeked;
+         (lf = static_cast<const char*>(std::memchr(lf, '\n', peeked + got - lf))) != nullptr;
          ++lf) {
         const char before = lf > peeked ? lf[-1] : prev;
         if (end == LineEnd::Lf || before == '\r') {

@@ -12,8 +12,16 @@
 namespace kemail::options {
 namespace {
 
-enum class Key { InputCharset, Tls, TlsVerify, TlsCaFile, TlsServerName, PopTls, AddressFamily,
-                 Pipelining };
+enum class Key {
+    InputCharset,
+    Tls,
+    TlsVerify,
+    TlsCaFile,
+    TlsServerName,
+    PopTls,
+    AddressFamily,
+    Pipelining
+};
 constexpr size_t kKeyCount = 8;
 
 // A key is taken, from the file or from ZvKe_SetOption, only once the
@@ -25,14 +33,10 @@ struct KeyName {
     bool available;
 };
 constexpr KeyName kKeys[kKeyCount] = {
-    {Key::InputCharset, "INPUT_CHARSET", false},
-    {Key::Tls, "TLS", false},
-    {Key::TlsVerify, "TLS_VERIFY", false},
-    {Key::TlsCaFile, "TLS_CA_FILE", false},
-    {Key::TlsServerName, "TLS_SERVER_NAME", false},
-    {Key::PopTls, "POP_TLS", false},
-    {Key::AddressFamily, "ADDRESS_FAMILY", false},
-    {Key::Pipelining, "PIPELINING", false},
+    {Key::InputCharset, "INPUT_CHARSET", false},    {Key::Tls, "TLS", false},
+    {Key::TlsVerify, "TLS_VERIFY", false},          {Key::TlsCaFile, "TLS_CA_FILE", false},
+    {Key::TlsServerName, "TLS_SERVER_NAME", false}, {Key::PopTls, "POP_TLS", false},
+    {Key::AddressFamily, "ADDRESS_FAMILY", false},  {Key::Pipelining, "PIPELINING", false},
 };
 
 // A key's value as given: the text of the longest accepted value, a path.

@@ -16,14 +16,19 @@ namespace {
 
 constexpr uint16_t kDefaultPop3Port = 110;
 
-constexpr net::ResolveCodes kResolveCodes{
-    .start = "getpop0000", .literal = "getpop0010", .busy = "getpop0020", .answered = "getpop0040",
-    .resolved = "getpopFFFF"};
+constexpr net::ResolveCodes kResolveCodes{.start = "getpop0000",
+                                          .literal = "getpop0010",
+                                          .busy = "getpop0020",
+                                          .answered = "getpop0040",
+                                          .resolved = "getpopFFFF"};
 
 // A refusing server is tried 7 times in all, one second apart.
-constexpr net::ConnectCodes kConnectCodes{
-    .before_socket = "Pop3_0210", .before_connect = "Pop3_0230", .attempt_failed = "Pop3_0250",
-    .retrying = "Pop3_0260", .retrying_level = 0, .refused_retries = 6};
+constexpr net::ConnectCodes kConnectCodes{.before_socket = "Pop3_0210",
+                                          .before_connect = "Pop3_0230",
+                                          .attempt_failed = "Pop3_0250",
+                                          .retrying = "Pop3_0260",
+                                          .retrying_level = 0,
+                                          .refused_retries = 6};
 
 // The port in network order: the caller's, or the "pop3" service, or 110.
 uint16_t choose_port(unsigned int port, TraceHandle* trace) {

@@ -29,16 +29,12 @@ public:
     // Pop3Session.AConnectionClosedMidLineFailsAfterSixPolls).
     void retrying(net::Retry event, int) override {
         switch (event) {
-        case net::Retry::SelectInterrupted:
-            kemail::trace(trace_, 0, "Pop3_0c10");
-            kemail::trace(trace_, 0, "Pop3_0c20");
-            break;
-        case net::Retry::RecvInterrupted:
-            kemail::trace(trace_, 0, "Pop3_0c110");
-            break;
-        case net::Retry::PeerClosed:
-            kemail::trace(trace_, 0, "Pop3_0c170");
-            break;
+            case net::Retry::SelectInterrupted:
+                kemail::trace(trace_, 0, "Pop3_0c10");
+                kemail::trace(trace_, 0, "Pop3_0c20");
+                break;
+            case net::Retry::RecvInterrupted: kemail::trace(trace_, 0, "Pop3_0c110"); break;
+            case net::Retry::PeerClosed: kemail::trace(trace_, 0, "Pop3_0c170"); break;
         }
     }
 
@@ -56,7 +52,8 @@ void Pop3_SetWait(struct timeval* wait, time_t* start, unsigned int timeout, Tra
         kemail::trace(trace, 2, "PGTSTO0005");
         *start = now;
     }
-    const long long remaining = static_cast<long long>(timeout) - static_cast<long long>(now - *start);
+    const long long remaining =
+        static_cast<long long>(timeout) - static_cast<long long>(now - *start);
     if (remaining < 0) {
         trace_word(trace, 0, "PGTSTO0010", static_cast<uint32_t>(remaining));
         trace_word(trace, 0, "PGTSTO0020", static_cast<uint32_t>(*start));
@@ -76,8 +73,8 @@ int Pop3_Send(int sock, const char* bytes, int length, int* err, TraceHandle* tr
     while (sent < length) {
         // MSG_NOSIGNAL: a server that has gone away must give EPIPE here,
         // not a SIGPIPE that would end the calling process.
-        const ssize_t n = ::send(sock, bytes + sent, static_cast<size_t>(length - sent),
-                                 MSG_NOSIGNAL);
+        const ssize_t n =
+            ::send(sock, bytes + sent, static_cast<size_t>(length - sent), MSG_NOSIGNAL);
         if (n < 0) {
             if (errno == EINTR) {
                 kemail::trace(trace, 0, "Pop3_0b10");
@@ -111,28 +108,27 @@ int Pop3_RecvLine(int sock, char* buf, int size, int* err, TraceHandle* trace) {
             ? net::LineRead{net::LineStatus::SelectFailed, 0, -1, EINVAL}
             : net::read_line(sock, buf, static_cast<size_t>(size - 1), net::LineEnd::Lf, wait);
     switch (read.status) {
-    case net::LineStatus::Done:
-        break;
-    case net::LineStatus::SelectFailed:
-        *err = read.error;
-        kemail::trace(trace, 0, "Pop3_0c10");
-        trace_word(trace, 0, "Pop3_0c30", static_cast<uint32_t>(*err));
-        MailLogSysErrWrite(g_pLogHandle, "select", read.result, *err, nullptr);
-        return -1;
-    case net::LineStatus::TimedOut:
-        kemail::trace(trace, 0, "Pop3_0c50");
-        MailLogTimeOutWrite(g_pLogHandle, static_cast<int>(g_ulPopTimeOut), 2, "recv");
-        return -17;
-    case net::LineStatus::RecvFailed:
-        *err = read.error;
-        trace_word(trace, 0, "Pop3_0c120", static_cast<uint32_t>(*err));
-        MailLogSysErrWrite(g_pLogHandle, "recv", read.result, *err, nullptr);
-        return -1;
-    case net::LineStatus::PeerClosed:
-        // An end of stream sets no errno: the slot reports 0.
-        trace_word(trace, 0, "Pop3_0c150", 0);
-        MailLogSysErrWrite(g_pLogHandle, "recv", 0, 0, nullptr);
-        return -1;
+        case net::LineStatus::Done: break;
+        case net::LineStatus::SelectFailed:
+            *err = read.error;
+            kemail::trace(trace, 0, "Pop3_0c10");
+            trace_word(trace, 0, "Pop3_0c30", static_cast<uint32_t>(*err));
+            MailLogSysErrWrite(g_pLogHandle, "select", read.result, *err, nullptr);
+            return -1;
+        case net::LineStatus::TimedOut:
+            kemail::trace(trace, 0, "Pop3_0c50");
+            MailLogTimeOutWrite(g_pLogHandle, static_cast<int>(g_ulPopTimeOut), 2, "recv");
+            return -17;
+        case net::LineStatus::RecvFailed:
+            *err = read.error;
+            trace_word(trace, 0, "Pop3_0c120", static_cast<uint32_t>(*err));
+            MailLogSysErrWrite(g_pLogHandle, "recv", read.result, *err, nullptr);
+            return -1;
+        case net::LineStatus::PeerClosed:
+            // An end of stream sets no errno: the slot reports 0.
+            trace_word(trace, 0, "Pop3_0c150", 0);
+            MailLogSysErrWrite(g_pLogHandle, "recv", 0, 0, nullptr);
+            return -1;
     }
     buf[read.count] = '\0';
     trace_word(trace, 1, "Pop3_0cff", static_cast<uint32_t>(read.count));

@@ -33,19 +33,29 @@ struct CommandLine {
 
 constexpr Pop3Codes kGreeting{
     .no_reply = "Pop3_0410", .refused = "Pop3_0420", .refused_result = -2};
-constexpr Pop3Codes kUser{
-    .before = "Pop3_0500", .not_sent = "Pop3_0510", .no_reply = "Pop3_0520", .refused = "Pop3_0530",
-    .refused_result = -3};
-constexpr Pop3Codes kPass{
-    .before = "Pop3_0600", .not_sent = "Pop3_0610", .no_reply = "Pop3_0620", .refused = "Pop3_0630",
-    .refused_result = -4};
-constexpr Pop3Codes kStat{
-    .not_sent = "Pop3_0910", .no_reply = "Pop3_0920", .accepted = "Pop3_09ff",
-    .refused = "Pop3_0930", .refused_result = -5};
-constexpr Pop3Codes kQuit{
-    .not_sent = "Pop3_0810", .not_sent_shows_command = true, .sent = "Pop3_0820",
-    .no_reply = "Pop3_0830", .no_reply_shows_line = true, .accepted = "Pop3_08ff",
-    .refused = "Pop3_0840", .refused_result = -8};
+constexpr Pop3Codes kUser{.before = "Pop3_0500",
+                          .not_sent = "Pop3_0510",
+                          .no_reply = "Pop3_0520",
+                          .refused = "Pop3_0530",
+                          .refused_result = -3};
+constexpr Pop3Codes kPass{.before = "Pop3_0600",
+                          .not_sent = "Pop3_0610",
+                          .no_reply = "Pop3_0620",
+                          .refused = "Pop3_0630",
+                          .refused_result = -4};
+constexpr Pop3Codes kStat{.not_sent = "Pop3_0910",
+                          .no_reply = "Pop3_0920",
+                          .accepted = "Pop3_09ff",
+                          .refused = "Pop3_0930",
+                          .refused_result = -5};
+constexpr Pop3Codes kQuit{.not_sent = "Pop3_0810",
+                          .not_sent_shows_command = true,
+                          .sent = "Pop3_0820",
+                          .no_reply = "Pop3_0830",
+                          .no_reply_shows_line = true,
+                          .accepted = "Pop3_08ff",
+                          .refused = "Pop3_0840",
+                          .refused_result = -8};
 
 constexpr char kStatCommand[] = "STAT\r\n";
 constexpr char kQuitCommand[] = "QUIT\r\n";

@@ -68,7 +68,8 @@ KEMAIL_API int Com_ClosePrivateProfile(ProfileHandle* pHandle, const char* pszPa
     return Com_ClosePrivateProfile2(pHandle, pszPath, nullptr);
 }
 
-KEMAIL_API int Com_ClosePrivateProfile2(ProfileHandle* pHandle, const char* pszPath, int* plErr) noexcept {
+KEMAIL_API int Com_ClosePrivateProfile2(ProfileHandle* pHandle, const char* pszPath,
+                                        int* plErr) noexcept {
     if (pHandle == nullptr) return -1;
     // Kept: a handle whose last change ran out of memory (state 2) is not
     // written back, even though earlier changes succeeded

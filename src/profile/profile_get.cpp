@@ -21,8 +21,8 @@ constexpr size_t kHexTextSize = 1025;
 extern "C" {
 
 KEMAIL_API int Com_GetPrivateProfileString(ProfileHandle* pHandle, const char* pszSection,
-                                           const char* pszKey, const char* pszDefault,
-                                           char* pszOut, unsigned int ulSize) noexcept {
+                                           const char* pszKey, const char* pszDefault, char* pszOut,
+                                           unsigned int ulSize) noexcept {
     if (pHandle == nullptr) return -1;
     const char* text = pszDefault != nullptr ? pszDefault : "";
     if (pszSection != nullptr && pszKey != nullptr) {
@@ -35,7 +35,8 @@ KEMAIL_API int Com_GetPrivateProfileString(ProfileHandle* pHandle, const char* p
 }
 
 KEMAIL_API int Com_GetPrivateProfileInt(ProfileHandle* pHandle, const char* pszSection,
-                                        const char* pszKey, int lDefault, const char* /*pszPath*/) noexcept {
+                                        const char* pszKey, int lDefault,
+                                        const char* /*pszPath*/) noexcept {
     if (pHandle == nullptr) return 0;
     // Kept: a negative default is looked up as "0", so a missing key yields
     // 0, while a key with an empty value yields the default as given
@@ -50,9 +51,8 @@ KEMAIL_API int Com_GetPrivateProfileInt(ProfileHandle* pHandle, const char* pszS
     return static_cast<int>(std::strtol(value, nullptr, 10));
 }
 
-KEMAIL_API unsigned int Com_GetPrivateProfileIntHex(ProfileHandle* pHandle,
-                                                    const char* pszSection, const char* pszKey,
-                                                    unsigned int ulDefault,
+KEMAIL_API unsigned int Com_GetPrivateProfileIntHex(ProfileHandle* pHandle, const char* pszSection,
+                                                    const char* pszKey, unsigned int ulDefault,
                                                     const char* /*pszPath*/) noexcept {
     char text[kHexTextSize] = {};
     if (Com_GetPrivateProfileString(pHandle, pszSection, pszKey, "", text, sizeof text) < 0 ||

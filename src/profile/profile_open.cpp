@@ -89,7 +89,7 @@ private:
 
     ProfileHandle* handle_;
     ProfileSection* last_section_ = nullptr;
-    ProfileSection* current_ = nullptr;  // receives entries; null before the first section
+    ProfileSection* current_ = nullptr;   // receives entries; null before the first section
     ProfileEntry* last_entry_ = nullptr;  // last entry of current_
 };
 
@@ -97,7 +97,8 @@ private:
 
 extern "C" {
 
-KEMAIL_API ProfileHandle* Com_OpenPrivateProfile(const char* pszPath, unsigned int ulFlags) noexcept {
+KEMAIL_API ProfileHandle* Com_OpenPrivateProfile(const char* pszPath,
+                                                 unsigned int ulFlags) noexcept {
     return Com_OpenPrivateProfile2(pszPath, ulFlags, nullptr);
 }
 

@@ -5,7 +5,6 @@
 #include "log/trace_record.h"
 #include "util/format.h"
 
-
 namespace kemail {
 
 // Kept: CHANGE0010 and CHANGE0020 are also records of the line converter,

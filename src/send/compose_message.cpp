@@ -24,8 +24,7 @@ size_t piece_buffer_size(int part_size_kb) {
 namespace {
 
 // Maps a composition failure and adds the file error word for -3.
-int composition_failed(ComposedMessage& composed, char* message, int internal,
-                       unsigned file_err) {
+int composition_failed(ComposedMessage& composed, char* message, int internal, unsigned file_err) {
     composed.message_file.remove();
     const int result = change_code(internal);
     if (result == KEMAIL_E_WORK_FILE) put_number(message, file_err);
@@ -98,8 +97,8 @@ int compose_message(const SendPlan& plan, WorkFile& staged_text, int has_attachm
 
     unsigned file_err = 0;
     int result = SMTP_makeTopData(fd, staged_text.c_path(), plan.from, plan.to, plan.subject,
-                                  composed.boundary, has_attachment,
-                                  static_cast<int>(plan.split), &file_err);
+                                  composed.boundary, has_attachment, static_cast<int>(plan.split),
+                                  &file_err);
     staged_text.remove();
     if (result < 0) {
         trace_word(g_trace, 0, "EMAILAPI00a0", static_cast<uint32_t>(result));

@@ -19,8 +19,8 @@ int read_mail_config() {
         trace(g_trace, 0, "READKEMAIL0010");
         return -1;
     }
-    Content_D_flg = Com_GetPrivateProfileInt(profile, "KEMAIL", "CONTENT_DISPOSITION", 0,
-                                             KEMAIL_MAIL_INI);
+    Content_D_flg =
+        Com_GetPrivateProfileInt(profile, "KEMAIL", "CONTENT_DISPOSITION", 0, KEMAIL_MAIL_INI);
     trace_word(g_trace, 2, "READKEMAIL0020", static_cast<uint32_t>(Content_D_flg));
     Com_ClosePrivateProfile(profile, KEMAIL_MAIL_INI);
     trace(g_trace, 1, "READKEMAILFFFF");

@@ -21,18 +21,18 @@ size_t bounded_length(const char* s, size_t limit) { return strnlen(s, limit + 1
 
 struct Arguments {
     MailAddressInfo* address;
-    int              address_count;
+    int address_count;
     MailContentInfo* contents;
-    int              content_count;
-    const char*      from;
-    const char*      subject;
-    const char*      server;
-    unsigned         split;
-    SendOptionInfo*  option;
+    int content_count;
+    const char* from;
+    const char* subject;
+    const char* server;
+    unsigned split;
+    SendOptionInfo* option;
     MailTimeoutInfo* timeout;
-    MailAuthInfo*    auth;
-    char*            message;
-    const char*      temp_dir;
+    MailAuthInfo* auth;
+    char* message;
+    const char* temp_dir;
 };
 
 // Checks 1 to 17 of the request, in their order. Fills the part size and the
@@ -270,9 +270,18 @@ int send_mail(const Arguments& a) {
         split = 0;
     }
 
-    const SendPlan plan{a.address[0].pszAddress, a.from,    a.server,       a.contents,
-                        a.content_count,        split,     part_size_kb,   port,
-                        a.auth,                 subject,   a.temp_dir,     a.message};
+    const SendPlan plan{a.address[0].pszAddress,
+                        a.from,
+                        a.server,
+                        a.contents,
+                        a.content_count,
+                        split,
+                        part_size_kb,
+                        port,
+                        a.auth,
+                        subject,
+                        a.temp_dir,
+                        a.message};
     ComposedMessage composed;
     result = compose_message(plan, staged_text, has_attachment, composed);
     if (result != 0) return result;
@@ -293,10 +302,9 @@ KEMAIL_API int ZvKe_SendEMailPartial_parts(unsigned int ulReserved, MailAddressI
                                            MailTimeoutInfo* pstTimeout, MailAuthInfo* pstAuth,
                                            char* pszMessage, const char* pszTempDir) noexcept {
     (void)ulReserved;  // reserved: never read
-    const kemail::Arguments arguments{pstAddress, lAddressCount, pstContent, lContentCount,
-                                      pszFrom,    pszSubject,    pszServer,  ulSplit,
-                                      pstOption,  pstTimeout,    pstAuth,    pszMessage,
-                                      pszTempDir};
+    const kemail::Arguments arguments{
+        pstAddress, lAddressCount, pstContent, lContentCount, pszFrom,    pszSubject, pszServer,
+        ulSplit,    pstOption,     pstTimeout, pstAuth,       pszMessage, pszTempDir};
     return kemail::send_mail(arguments);
 }
 

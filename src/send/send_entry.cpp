@@ -32,11 +32,10 @@ void release_busy_flag() {
 extern "C" {
 
 KEMAIL_API int ZvKe_SendEMail(MailAddressInfo* pstAddress, int lAddressCount,
-                              MailContentInfo* pstContent, int lContentCount,
-                              const char* pszFrom, const char* pszSubject, const char* pszServer,
-                              unsigned int ulSplit, SendOptionInfo* pstOption,
-                              MailTimeoutInfo* pstTimeout, MailAuthInfo* pstAuth,
-                              char* pszMessage) noexcept {
+                              MailContentInfo* pstContent, int lContentCount, const char* pszFrom,
+                              const char* pszSubject, const char* pszServer, unsigned int ulSplit,
+                              SendOptionInfo* pstOption, MailTimeoutInfo* pstTimeout,
+                              MailAuthInfo* pstAuth, char* pszMessage) noexcept {
     if (!take_busy_flag()) return KEMAIL_E_BUSY;
     g_trace = nullptr;
     g_pLogHandle = nullptr;

@@ -109,26 +109,26 @@ int change_code(int internal);
 // ---------------------------------------------------------------------------
 // What the driver has checked and prepared for the later steps.
 struct SendPlan {
-    const char*            to;
-    const char*            from;
-    const char*            server;
+    const char* to;
+    const char* from;
+    const char* server;
     const MailContentInfo* contents;
-    int                    content_count;
-    unsigned               split;          // 1: message/partial pieces
-    int                    part_size_kb;
-    unsigned               port;
-    const MailAuthInfo*    auth;
-    const char*            subject;        // in Shift_JIS (converted)
-    const char*            temp_dir;
-    char*                  message;        // the caller's message buffer
+    int content_count;
+    unsigned split;  // 1: message/partial pieces
+    int part_size_kb;
+    unsigned port;
+    const MailAuthInfo* auth;
+    const char* subject;  // in Shift_JIS (converted)
+    const char* temp_dir;
+    char* message;  // the caller's message buffer
 };
 
 // What composition leaves for the session.
 struct ComposedMessage {
-    WorkFile message_file;                         // "EST", rewound
-    char     boundary[KEMAIL_BOUNDARY_SIZE] = {};
-    int      piece_count = 0;
-    char     partial_id[KEMAIL_PARTIAL_ID_SIZE] = {};
+    WorkFile message_file;  // "EST", rewound
+    char boundary[KEMAIL_BOUNDARY_SIZE] = {};
+    int piece_count = 0;
+    char partial_id[KEMAIL_PARTIAL_ID_SIZE] = {};
 };
 
 // Piece buffer size: the piece, room for the reader to finish the last line

@@ -14,20 +14,20 @@ namespace {
 // What a failed step adds to the message buffer besides the mapped result.
 enum Detail : unsigned {
     kNoDetail = 0,
-    kNumberOnSocket = 1,     // -7: the status word
-    kNumberOnWorkFile = 2,   // -3: the status word
+    kNumberOnSocket = 1,    // -7: the status word
+    kNumberOnWorkFile = 2,  // -3: the status word
     kNumberAlways = 4,
 };
 
 struct Session {
-    const SendPlan&  plan;
+    const SendPlan& plan;
     ComposedMessage& composed;
-    UniqueFd         socket;
-    unsigned         status = 0;
-    int              init_result = 0;
+    UniqueFd socket;
+    unsigned status = 0;
+    int init_result = 0;
     // The initialisation result until the first MAIL of the session has been
     // accepted: a refusal before that may be the missing authentication.
-    int              auth_memory = 0;
+    int auth_memory = 0;
 };
 
 void end_marker() {
@@ -52,8 +52,8 @@ int step_failed(Session& s, int internal, unsigned detail, const char* reply_cod
             trace_word(g_trace, 0, rewrite_codes[1], static_cast<uint32_t>(result));
         }
     }
-    const bool refused = result == KEMAIL_E_REFUSED || result == KEMAIL_E_AUTH_REFUSED ||
-                         result == KEMAIL_E_NO_AUTH;
+    const bool refused =
+        result == KEMAIL_E_REFUSED || result == KEMAIL_E_AUTH_REFUSED || result == KEMAIL_E_NO_AUTH;
     if (refused && reply_code != nullptr) {
         SMTP_GetSmtpSvResponce(s.plan.message);
         trace_data(g_trace, 0, reply_code, s.plan.message, KEMAIL_MESSAGE_SIZE);
@@ -66,8 +66,7 @@ int step_failed(Session& s, int internal, unsigned detail, const char* reply_cod
     return result;
 }
 
-void trace_code_socket(Session& s, const char* code_record, const char* socket_record,
-                       int code) {
+void trace_code_socket(Session& s, const char* code_record, const char* socket_record, int code) {
     trace_word(g_trace, 0, code_record, static_cast<uint32_t>(code));
     trace_word(g_trace, 0, socket_record, static_cast<uint32_t>(s.socket.get()));
 }
@@ -92,10 +91,13 @@ int mail_failed(Session& s, int rc, const MailFailureCodes& codes) {
 }
 
 int send_whole(Session& s) {
-    static constexpr MailFailureCodes kMailFailed{
-        .code = "EMAILAPI0160", .socket = "EMAILAPI0161", .from = "EMAILAPI0162",
-        .to = "EMAILAPI0163", .status = "EMAILAPI0164", .reply = "EMAILAPI0165",
-        .rewrite = {"EMAILAPI0166", "EMAILAPI0167"}};
+    static constexpr MailFailureCodes kMailFailed{.code = "EMAILAPI0160",
+                                                  .socket = "EMAILAPI0161",
+                                                  .from = "EMAILAPI0162",
+                                                  .to = "EMAILAPI0163",
+                                                  .status = "EMAILAPI0164",
+                                                  .reply = "EMAILAPI0165",
+                                                  .rewrite = {"EMAILAPI0166", "EMAILAPI0167"}};
     const SendPlan& plan = s.plan;
     int rc = SMTP_MAIL(s.socket.get(), plan.from, plan.to, &s.status);
     if (rc < 0) return mail_failed(s, rc, kMailFailed);
@@ -123,10 +125,13 @@ int send_whole(Session& s) {
 }
 
 int send_pieces(Session& s) {
-    static constexpr MailFailureCodes kMailFailed{
-        .code = "EMAILAPI0110", .socket = "EMAILAPI0111", .from = "EMAILAPI0113",
-        .to = "EMAILAPI0114", .status = "EMAILAPI0115", .reply = "EMAILAPI0116",
-        .rewrite = {"EMAILAPI0117", "EMAILAPI0118"}};
+    static constexpr MailFailureCodes kMailFailed{.code = "EMAILAPI0110",
+                                                  .socket = "EMAILAPI0111",
+                                                  .from = "EMAILAPI0113",
+                                                  .to = "EMAILAPI0114",
+                                                  .status = "EMAILAPI0115",
+                                                  .reply = "EMAILAPI0116",
+                                                  .rewrite = {"EMAILAPI0117", "EMAILAPI0118"}};
     const SendPlan& plan = s.plan;
     ComposedMessage& composed = s.composed;
     trace(g_trace, 2, "EMAILAPI0109");
@@ -169,8 +174,8 @@ int send_pieces(Session& s) {
             return step_failed(s, length, kNumberOnWorkFile, nullptr);
         }
         rc = SMTP_sendData_Partial(s.socket.get(), buffer.get(), length, plan.from, plan.to,
-                                   plan.subject, piece, composed.piece_count,
-                                   composed.partial_id, &s.status);
+                                   plan.subject, piece, composed.piece_count, composed.partial_id,
+                                   &s.status);
         if (rc < 0) {
             trace_code_socket(s, "EMAILAPI0140", "EMAILAPI0141", rc);
             trace_word(g_trace, 0, "EMAILAPI0142", static_cast<uint32_t>(length));

@@ -10,7 +10,6 @@
 
 #include <cstring>
 
-
 using kemail::trace;
 using kemail::trace_text;
 using kemail::trace_word;
@@ -29,30 +28,54 @@ constexpr char kHiddenPassword[] = "******";
 // without the expected digit) gives 3 and the next mechanism is tried.
 // Kept: CRAM-MD5 traces its two replies under the PLAIN codes INPLAN0012 and
 // INPLAN0030 (dialogue auth-only-cram-md5-is-tried-when-it-succeeds).
-constexpr ExchangeCodes kCramStart{
-    .restarts_clock = true, .not_sent = "INCRAM0005", .no_reply = "INCRAM0010",
-    .reply = "INPLAN0012", .expect = '3', .refused = "INCRAM0015", .refused_result = kRefused};
+constexpr ExchangeCodes kCramStart{.restarts_clock = true,
+                                   .not_sent = "INCRAM0005",
+                                   .no_reply = "INCRAM0010",
+                                   .reply = "INPLAN0012",
+                                   .expect = '3',
+                                   .refused = "INCRAM0015",
+                                   .refused_result = kRefused};
 // Kept: the response's not-sent trace reuses INCRAM0020, the code that
 // traced the response itself at level 2 (test
 // AuthDialogue.CramResponseNotSentReusesItsTraceCode).
-constexpr ExchangeCodes kCramResponse{
-    .restarts_clock = true, .not_sent = "INCRAM0020", .no_reply = "INCRAM0025",
-    .reply = "INPLAN0030", .expect = '2', .accepted = "INCRAMFFFF", .refused = "INCRAM0040",
-    .refused_result = kRefused};
-constexpr ExchangeCodes kPlain{
-    .restarts_clock = true, .not_sent = "INPLAN0010", .no_reply = "INPLAN0015",
-    .reply = "INPLAN0020", .expect = '2', .accepted = "INPLANFFFF", .refused = "INPLAN0025",
-    .refused_result = kRefused};
-constexpr ExchangeCodes kLoginStart{
-    .restarts_clock = true, .not_sent = "INLGIN0005", .no_reply = "INLGIN0010",
-    .reply = "INLGIN0015", .expect = '3', .refused = "INLGIN0020", .refused_result = kRefused};
-constexpr ExchangeCodes kLoginUser{
-    .restarts_clock = true, .not_sent = "INLGIN0035", .no_reply = "INLGIN0040",
-    .reply = "INLGIN0045", .expect = '3', .refused = "INLGIN0050", .refused_result = kRefused};
-constexpr ExchangeCodes kLoginPassword{
-    .restarts_clock = true, .not_sent = "INLGIN0055", .no_reply = "INLGIN0060",
-    .reply = "INLGIN0065", .expect = '2', .accepted = "INLGINFFFF", .refused = "INLGIN0070",
-    .refused_result = kRefused};
+constexpr ExchangeCodes kCramResponse{.restarts_clock = true,
+                                      .not_sent = "INCRAM0020",
+                                      .no_reply = "INCRAM0025",
+                                      .reply = "INPLAN0030",
+                                      .expect = '2',
+                                      .accepted = "INCRAMFFFF",
+                                      .refused = "INCRAM0040",
+                                      .refused_result = kRefused};
+constexpr ExchangeCodes kPlain{.restarts_clock = true,
+                               .not_sent = "INPLAN0010",
+                               .no_reply = "INPLAN0015",
+                               .reply = "INPLAN0020",
+                               .expect = '2',
+                               .accepted = "INPLANFFFF",
+                               .refused = "INPLAN0025",
+                               .refused_result = kRefused};
+constexpr ExchangeCodes kLoginStart{.restarts_clock = true,
+                                    .not_sent = "INLGIN0005",
+                                    .no_reply = "INLGIN0010",
+                                    .reply = "INLGIN0015",
+                                    .expect = '3',
+                                    .refused = "INLGIN0020",
+                                    .refused_result = kRefused};
+constexpr ExchangeCodes kLoginUser{.restarts_clock = true,
+                                   .not_sent = "INLGIN0035",
+                                   .no_reply = "INLGIN0040",
+                                   .reply = "INLGIN0045",
+                                   .expect = '3',
+                                   .refused = "INLGIN0050",
+                                   .refused_result = kRefused};
+constexpr ExchangeCodes kLoginPassword{.restarts_clock = true,
+                                       .not_sent = "INLGIN0055",
+                                       .no_reply = "INLGIN0060",
+                                       .reply = "INLGIN0065",
+                                       .expect = '2',
+                                       .accepted = "INLGINFFFF",
+                                       .refused = "INLGIN0070",
+                                       .refused_result = kRefused};
 
 // The credentials as NUL-terminated texts of at most 64 characters, whatever
 // the caller left in the record's fixed fields.

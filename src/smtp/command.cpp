@@ -22,8 +22,8 @@ ReplyText::ReplyText(const char* buf, size_t size) {
 int format_command(const char* format, ...) {
     va_list args;
     va_start(args, format);
-    const int length = vformat_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Refuse, format,
-                                    args);
+    const int length =
+        vformat_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Refuse, format, args);
     va_end(args);
     return length;
 }

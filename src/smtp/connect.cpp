@@ -25,9 +25,11 @@ constexpr int kSocketFailed = -1;
 constexpr int kConnectFailed = -2;
 constexpr int kNameNotResolved = -5;
 
-constexpr kemail::net::ResolveCodes kResolveCodes{
-    .start = "getsmtp0000", .literal = "getsmtp0010", .busy = "getsmtp0020",
-    .answered = "getsmtp0040", .resolved = "getsmtpFFFF"};
+constexpr kemail::net::ResolveCodes kResolveCodes{.start = "getsmtp0000",
+                                                  .literal = "getsmtp0010",
+                                                  .busy = "getsmtp0020",
+                                                  .answered = "getsmtp0040",
+                                                  .resolved = "getsmtpFFFF"};
 
 // A refusing server is tried 6 times in all, one second apart.
 constexpr kemail::net::ConnectCodes kConnectCodes{
@@ -101,8 +103,8 @@ KEMAIL_API int SMTP_connect(const char* pszName, unsigned int ulPort,
     peer.sin_port = ulPort != 0 ? htons(static_cast<uint16_t>(ulPort)) : smtp_service_port();
     peer.sin_addr.s_addr = address;
 
-    const kemail::net::Connection connection = kemail::net::connect_ipv4(peer, kConnectCodes,
-                                                                         g_trace);
+    const kemail::net::Connection connection =
+        kemail::net::connect_ipv4(peer, kConnectCodes, g_trace);
     if (connection.sock >= 0) {
         // Every command goes out in one send and waits for its reply, so
         // Nagle's delay could only hold a short command (the end-of-data

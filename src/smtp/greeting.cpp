@@ -31,9 +31,14 @@ bool wants_smtp_auth(const MailAuthInfo* auth) {
 // Kept: "smtp0150" here means "authentication wanted but only HELO
 // accepted", while SMTP_MAIL uses it for "no reply to MAIL" (dialogue
 // greeting-authentication-wanted-but-only-helo-gives-2).
-constexpr ExchangeCodes kHelo{
-    .restarts_clock = true, .not_sent = "smtp0125", .sent = "smtp0128", .no_reply = "smtp0130",
-    .reply = "smtp0135", .expect = '2', .refused = "smtp0140", .refused_result = kHeloRefused};
+constexpr ExchangeCodes kHelo{.restarts_clock = true,
+                              .not_sent = "smtp0125",
+                              .sent = "smtp0128",
+                              .no_reply = "smtp0130",
+                              .reply = "smtp0135",
+                              .expect = '2',
+                              .refused = "smtp0140",
+                              .refused_result = kHeloRefused};
 // The EHLO reply is read line by line by SMTP_readEhloReply.
 constexpr ExchangeCodes kEhlo{.not_sent = "smtp0121A"};
 

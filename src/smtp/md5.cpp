@@ -149,7 +149,8 @@ KEMAIL_API void MD5Init(KEMAIL_MD5_CTX* pContext) {
     pContext->state[3] = 0x10325476;
 }
 
-KEMAIL_API void MD5Update(KEMAIL_MD5_CTX* pContext, const unsigned char* pInput, unsigned int ulLength) {
+KEMAIL_API void MD5Update(KEMAIL_MD5_CTX* pContext, const unsigned char* pInput,
+                          unsigned int ulLength) {
     unsigned index = (pContext->count[0] >> 3) & 0x3F;
     if ((pContext->count[0] += (static_cast<uint32_t>(ulLength) << 3)) <
         (static_cast<uint32_t>(ulLength) << 3)) {

@@ -11,8 +11,8 @@ using kemail::trace_data;
 using kemail::trace_word;
 
 SmtpTimeOut g_stMailTimeout = {300, 300, 300, 120, 180, 600};
-uint32_t    g_ulTimeOut = 0;
-time_t      g_tStartTime = 0;
+uint32_t g_ulTimeOut = 0;
+time_t g_tStartTime = 0;
 
 namespace {
 

@@ -30,15 +30,13 @@ public:
     void compute(struct timeval* wait) override { SMTP_GetSelectTimeOut(wait); }
     void retrying(kemail::net::Retry event, int error) override {
         switch (event) {
-        case kemail::net::Retry::SelectInterrupted:
-            trace_word(g_trace, 2, "smtp0f01", static_cast<uint32_t>(error));
-            break;
-        case kemail::net::Retry::RecvInterrupted:
-            trace_word(g_trace, 2, "smtp0f04", static_cast<uint32_t>(error));
-            break;
-        case kemail::net::Retry::PeerClosed:
-            trace(g_trace, 2, "smtp0f20");
-            break;
+            case kemail::net::Retry::SelectInterrupted:
+                trace_word(g_trace, 2, "smtp0f01", static_cast<uint32_t>(error));
+                break;
+            case kemail::net::Retry::RecvInterrupted:
+                trace_word(g_trace, 2, "smtp0f04", static_cast<uint32_t>(error));
+                break;
+            case kemail::net::Retry::PeerClosed: trace(g_trace, 2, "smtp0f20"); break;
         }
     }
 };
@@ -66,8 +64,8 @@ KEMAIL_API int SMTP_send(int lSock, const char* pData, int lLength, unsigned int
     for (;;) {
         // MSG_NOSIGNAL: a peer that has gone away must give EPIPE here, not
         // a SIGPIPE that would end the calling agent's process.
-        const ssize_t result = send(lSock, pData + sent, static_cast<size_t>(lLength - sent),
-                                    MSG_NOSIGNAL);
+        const ssize_t result =
+            send(lSock, pData + sent, static_cast<size_t>(lLength - sent), MSG_NOSIGNAL);
         if (result > 0) {
             sent += static_cast<int>(result);
             if (sent >= lLength) {
@@ -118,29 +116,27 @@ KEMAIL_API int SMTP_recv(int lSock, char* pBuf, int lSize, unsigned int* pulErr)
     if (!pulErr) pulErr = &scratch;
     if (lSize > 0) std::memset(pBuf, 0, static_cast<size_t>(lSize));
     PhaseWait wait;
-    const kemail::net::LineRead read =
-        kemail::net::read_line(lSock, pBuf, lSize > 0 ? static_cast<size_t>(lSize) : 0,
-                               kemail::net::LineEnd::CrLf, wait);
+    const kemail::net::LineRead read = kemail::net::read_line(
+        lSock, pBuf, lSize > 0 ? static_cast<size_t>(lSize) : 0, kemail::net::LineEnd::CrLf, wait);
     *pulErr = static_cast<unsigned int>(read.error);
     switch (read.status) {
-    case LineStatus::Done:
-        return 0;
-    case LineStatus::SelectFailed:
-        MailLogSysErrWrite(g_pLogHandle, "select", read.result, read.error, nullptr);
-        trace_word(g_trace, 0, "smtp0f02", *pulErr);
-        return kRecvFailed;
-    case LineStatus::TimedOut:
-        MailLogTimeOutWrite(g_pLogHandle, static_cast<int>(g_ulTimeOut), 1, "recv");
-        trace_word(g_trace, 0, "smtp0f03", *pulErr);
-        return kTimedOut;
-    case LineStatus::RecvFailed:
-        MailLogSysErrWrite(g_pLogHandle, "recv", read.result, read.error, nullptr);
-        trace_word(g_trace, 0, "smtp0f05", *pulErr);
-        return kRecvFailed;
-    case LineStatus::PeerClosed:
-        trace(g_trace, 0, "smtp0f10");
-        MailLogSysErrWrite(g_pLogHandle, "recv", 0, read.error, nullptr);
-        return kRecvFailed;
+        case LineStatus::Done: return 0;
+        case LineStatus::SelectFailed:
+            MailLogSysErrWrite(g_pLogHandle, "select", read.result, read.error, nullptr);
+            trace_word(g_trace, 0, "smtp0f02", *pulErr);
+            return kRecvFailed;
+        case LineStatus::TimedOut:
+            MailLogTimeOutWrite(g_pLogHandle, static_cast<int>(g_ulTimeOut), 1, "recv");
+            trace_word(g_trace, 0, "smtp0f03", *pulErr);
+            return kTimedOut;
+        case LineStatus::RecvFailed:
+            MailLogSysErrWrite(g_pLogHandle, "recv", read.result, read.error, nullptr);
+            trace_word(g_trace, 0, "smtp0f05", *pulErr);
+            return kRecvFailed;
+        case LineStatus::PeerClosed:
+            trace(g_trace, 0, "smtp0f10");
+            MailLogSysErrWrite(g_pLogHandle, "recv", 0, read.error, nullptr);
+            return kRecvFailed;
     }
     return kRecvFailed;
 }

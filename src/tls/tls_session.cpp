@@ -31,8 +31,8 @@ int wait_ready(int fd, bool for_write, time_t deadline) {
         FD_ZERO(&set);
         FD_SET(fd, &set);
         timeval wait{deadline - now, 0};
-        const int ready = select(fd + 1, for_write ? nullptr : &set, for_write ? &set : nullptr,
-                                 nullptr, &wait);
+        const int ready =
+            select(fd + 1, for_write ? nullptr : &set, for_write ? &set : nullptr, nullptr, &wait);
         if (ready < 0 && errno == EINTR) continue;
         return ready;
     }
@@ -134,9 +134,9 @@ int TlsSession::start(int fd, const TlsSettings& settings, unsigned seconds, cha
                 ? api_->SSL_CTX_load_verify_locations(context_, settings.ca_file, nullptr) == 1
                 : api_->SSL_CTX_set_default_verify_paths(context_) == 1;
         if (!loaded) {
-            format_into(reason, size, Overflow::Cut, "CA file %s could not be read",
-                        settings.ca_file && settings.ca_file[0] ? settings.ca_file
-                                                                 : "(system store)");
+            format_into(
+                reason, size, Overflow::Cut, "CA file %s could not be read",
+                settings.ca_file && settings.ca_file[0] ? settings.ca_file : "(system store)");
             api_->ERR_clear_error();
             errno = EIO;
             return -1;
@@ -232,7 +232,7 @@ ssize_t TlsSession::receive(void* out, size_t length, bool peek, unsigned second
                 continue;
             }
             api_->ERR_clear_error();
-            if (error == SSL_ERROR_ZERO_RETURN) return 0;  // close_notify
+            if (error == SSL_ERROR_ZERO_RETURN) return 0;            // close_notify
             if (error == SSL_ERROR_SYSCALL && errno == 0) return 0;  // closed without it
             if (errno == 0 || error == SSL_ERROR_SSL) errno = ECONNRESET;
             return -1;
@@ -267,8 +267,8 @@ ssize_t TlsSession::send(const void* data, size_t length, unsigned seconds) noex
             continue;
         }
         api_->ERR_clear_error();
-        if (errno == 0 || error == SSL_ERROR_SSL) errno = error == SSL_ERROR_ZERO_RETURN ? EPIPE
-                                                                                         : ECONNRESET;
+        if (errno == 0 || error == SSL_ERROR_SSL)
+            errno = error == SSL_ERROR_ZERO_RETURN ? EPIPE : ECONNRESET;
         return -1;
     }
     return static_cast<ssize_t>(length);

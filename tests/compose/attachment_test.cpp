@@ -27,7 +27,8 @@ std::string part_header(const std::string& name, bool short_form = false) {
 // The lines one read of 51 bytes each gives.
 std::string base64_lines(const std::string& bytes) {
     std::string out;
-    for (size_t at = 0; at < bytes.size(); at += 51) out += base64_of(bytes.substr(at, 51)) + "\r\n";
+    for (size_t at = 0; at < bytes.size(); at += 51)
+        out += base64_of(bytes.substr(at, 51)) + "\r\n";
     return out;
 }
 
@@ -67,12 +68,14 @@ TEST_F(Attachment, FiftyTwoBytesGiveALineOf68AndALineOf4) {
     const std::string path = write_input("report.bin", data);
     ASSERT_EQ(append(path, 0), 0);
     EXPECT_EQ(err_, 0u);
-    const std::string body = base64_of(data.substr(0, 51)) + "\r\n" + base64_of(data.substr(51)) + "\r\n";
+    const std::string body =
+        base64_of(data.substr(0, 51)) + "\r\n" + base64_of(data.substr(51)) + "\r\n";
     EXPECT_EQ(message(), part_header("report.bin") + body + closing());
     const std::string text = message().substr(part_header("report.bin").size());
     EXPECT_EQ(text.find("\r\n"), 68u);
     EXPECT_EQ(text.substr(70, 6), text.substr(70, 2) + "==\r\n");
-    EXPECT_EQ(trace_codes(), (std::vector<std::string>{"smtp0700", "smtp0717", "smtp0736", "smtp07FF"}));
+    EXPECT_EQ(trace_codes(),
+              (std::vector<std::string>{"smtp0700", "smtp0717", "smtp0736", "smtp07FF"}));
     EXPECT_EQ(trace_of("smtp0717").level, 0u);
     EXPECT_EQ(trace_of("smtp0736").level, 0u);
     EXPECT_EQ(trace_of("smtp07FF").level, 1u);
@@ -112,8 +115,9 @@ TEST_F(Attachment, MoreAttachmentsFollowWithoutClosingDelimiter) {
 }
 
 TEST_F(Attachment, LargeFilesGiveTheSameLinesAs51ByteReads) {
-    for (size_t size : {size_t{50}, size_t{51}, size_t{102}, size_t{51 * 2048 - 1}, size_t{51 * 2048},
-                        size_t{51 * 2048 + 1}, size_t{51 * 4096 + 7}, size_t{1000003}}) {
+    for (size_t size :
+         {size_t{50}, size_t{51}, size_t{102}, size_t{51 * 2048 - 1}, size_t{51 * 2048},
+          size_t{51 * 2048 + 1}, size_t{51 * 4096 + 7}, size_t{1000003}}) {
         reset_message();
         const std::string data = random_bytes(size, static_cast<unsigned>(size));
         const std::string path = write_input("big.bin", data);
@@ -137,7 +141,8 @@ TEST_F(Attachment, ShortReadsFromAPipeGiveShortLines) {
     const int result = append(fifo, 0);
     writer.join();
     ASSERT_EQ(result, 0);
-    EXPECT_EQ(message(), part_header("fifo") + base64_lines("0123456789012345678901234567890123456789") +
+    EXPECT_EQ(message(), part_header("fifo") +
+                             base64_lines("0123456789012345678901234567890123456789") +
                              base64_lines("abcdefghijklmnopqrstuvwxyz") + closing());
 }
 
@@ -156,7 +161,8 @@ TEST_F(Attachment, NameIsTheLastComponentAfterSlashOrColon) {
     reset_message();
     kemail_test::write_file(sub + "/back\\slash.txt", "x");
     ASSERT_EQ(append(sub + "/back\\slash.txt", 1), 0);
-    EXPECT_EQ(message().substr(0, part_header("back\\slash.txt").size()), part_header("back\\slash.txt"));
+    EXPECT_EQ(message().substr(0, part_header("back\\slash.txt").size()),
+              part_header("back\\slash.txt"));
 }
 
 TEST_F(Attachment, PathWithoutSeparatorIsTheName) {

@@ -15,15 +15,18 @@ struct Converted {
     unsigned int length;
 };
 
-Converted run(int (*fn)(iconv_t, unsigned, const char*, unsigned, char*, unsigned*), const char* from,
-              const char* to, const std::string& in, unsigned capacity) {
+Converted run(int (*fn)(iconv_t, unsigned, const char*, unsigned, char*, unsigned*),
+              const char* from, const char* to, const std::string& in, unsigned capacity) {
     iconv_t cd = Cnv_open(from, to);
     EXPECT_NE(cd, kNone);
     std::vector<char> out(capacity + 32, '\0');
     unsigned int length = 777;
-    Converted c{fn(cd, static_cast<unsigned>(in.size()), in.c_str(), capacity, out.data(), &length), {}, length};
+    Converted c{fn(cd, static_cast<unsigned>(in.size()), in.c_str(), capacity, out.data(), &length),
+                {},
+                length};
     Cnv_close(cd);
-    for (size_t k = capacity; k < out.size(); ++k) EXPECT_EQ(out[k], '\0') << "written past the capacity";
+    for (size_t k = capacity; k < out.size(); ++k)
+        EXPECT_EQ(out[k], '\0') << "written past the capacity";
     c.out.assign(out.data(), std::min<size_t>(capacity, std::strlen(out.data())));
     return c;
 }
@@ -35,7 +38,8 @@ TEST(CnvOpen, OnlyEucJpAndSjisAreAccepted) {
     cd = Cnv_open("eucJP", "SJIS");
     EXPECT_NE(cd, kNone);
     Cnv_close(cd);
-    for (const char* name : {"EUC-JP", "EUCJP", "eucjp", "SHIFT_JIS", "sjis", "Shift_JIS", "UTF-8", ""}) {
+    for (const char* name :
+         {"EUC-JP", "EUCJP", "eucjp", "SHIFT_JIS", "sjis", "Shift_JIS", "UTF-8", ""}) {
         EXPECT_EQ(Cnv_open(name, "SJIS"), kNone) << name;
         EXPECT_EQ(Cnv_open("eucJP", name), kNone) << name;
     }
@@ -78,7 +82,9 @@ TEST(CnvEucToSjis, SmallCapacityDeliversThePrefixAndMinus2) {
 }
 
 TEST(CnvEucToSjis, InvalidFirstByteGivesTheHexTextAndMinus2) {
-    const std::string in = "\x80\xA4\xA2" "abc";
+    const std::string in =
+        "\x80\xA4\xA2"
+        "abc";
     Converted c = run(Cnv_euctosjis, "eucJP", "SJIS", in, 100);
     EXPECT_EQ(c.result, -2);
     EXPECT_EQ(c.out, "80a4a2616263");
@@ -137,13 +143,14 @@ TEST(CnvTocode, LowercaseHexHighNibbleFirst) {
 }
 
 TEST(LocaleTables, EucTableRowsInOrder) {
-    const std::pair<unsigned, const char*> rows[] = {{1, "ja_JP.euc"}, {1, "eucJP"},      {1, "EUC"},
-                                                     {1, "euc"},       {1, "ja"},         {1, "ja_JP"},
-                                                     {1, "ja_JP.ujis"}, {2, "ja_JP.eucJP"}, {0, ""}};
+    const std::pair<unsigned, const char*> rows[] = {
+        {1, "ja_JP.euc"}, {1, "eucJP"},      {1, "EUC"},         {1, "euc"}, {1, "ja"},
+        {1, "ja_JP"},     {1, "ja_JP.ujis"}, {2, "ja_JP.eucJP"}, {0, ""}};
     for (size_t i = 0; i < 9; ++i) {
         EXPECT_EQ(stEucLangInfo[i].ulKind, rows[i].first) << i;
         EXPECT_STREQ(stEucLangInfo[i].szName, rows[i].second) << i;
-        for (size_t k = std::strlen(rows[i].second); k < 32; ++k) EXPECT_EQ(stEucLangInfo[i].szName[k], '\0');
+        for (size_t k = std::strlen(rows[i].second); k < 32; ++k)
+            EXPECT_EQ(stEucLangInfo[i].szName[k], '\0');
     }
 }
 

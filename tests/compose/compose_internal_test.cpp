@@ -53,7 +53,9 @@ TEST(RecipientCursor, EmptyAndNullListsGiveOneEmptyElement) {
 }
 
 TEST(ToIso2022, SmallBufferKeepsWholeCharactersAndCloses) {
-    const char src[] = "a\x82\xA0\x82\xA2" "b";
+    const char src[] =
+        "a\x82\xA0\x82\xA2"
+        "b";
     // a ESC$B 2 2 ESC(J b NUL needs 13 bytes.
     for (size_t size = 1; size <= 14; ++size) {
         std::vector<char> out(size + 4, '\x7F');
@@ -124,7 +126,8 @@ std::string host_part_for(const std::string& node, const std::string& resolver_t
         std::vector<std::string> a;
         std::vector<std::string> b;
         const char* host = ".*@(.*)>\r\n";
-        if (!compose_test::matches(line, host, &a) || !compose_test::matches(again, host, &b)) _exit(4);
+        if (!compose_test::matches(line, host, &a) || !compose_test::matches(again, host, &b))
+            _exit(4);
         if (a[1] != b[1]) _exit(5);
         const std::string part = a[1];
         if (write(fds[1], part.data(), part.size()) != static_cast<ssize_t>(part.size())) _exit(6);
@@ -133,7 +136,8 @@ std::string host_part_for(const std::string& node, const std::string& resolver_t
     close(fds[1]);
     std::string part;
     char buf[512];
-    for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) part.append(buf, static_cast<size_t>(n));
+    for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;)
+        part.append(buf, static_cast<size_t>(n));
     close(fds[0]);
     int status = 0;
     waitpid(pid, &status, 0);
@@ -188,7 +192,8 @@ TEST_F(LineConverter, NoConverterLeavesDestinationEmpty) {
 TEST_F(LineConverter, ConvertsEachLineAndKeepsLineEnds) {
     // EUC-JP A4A2 (hiragana a) is Shift_JIS 82A0.
     char dest[64] = {};
-    EXPECT_EQ(kemail::convert_lines(converter_, "x\xA4\xA2\r\ny\r\n\xA4\xA2", dest, sizeof dest), 10);
+    EXPECT_EQ(kemail::convert_lines(converter_, "x\xA4\xA2\r\ny\r\n\xA4\xA2", dest, sizeof dest),
+              10);
     EXPECT_STREQ(dest, "x\x82\xA0\r\ny\r\n\x82\xA0");
 }
 
@@ -213,7 +218,8 @@ TEST_F(LineConverter, WholeTextEqualsPieceByPiece) {
     }
     source += "\xB8\xEC";  // a last piece without a line end
     std::string whole(source.size() + 1, '\0');
-    const int whole_length = kemail::convert_lines(converter_, source.c_str(), whole.data(), whole.size());
+    const int whole_length =
+        kemail::convert_lines(converter_, source.c_str(), whole.data(), whole.size());
     ASSERT_GT(whole_length, 0);
     std::string pieces;
     size_t at = 0;
@@ -231,8 +237,14 @@ TEST_F(LineConverter, WholeTextEqualsPieceByPiece) {
 
 TEST_F(LineConverter, FailedPieceLeavesTheSourceUnconvertedAndCut) {
     char dest[8] = {};
-    EXPECT_EQ(kemail::convert_lines(converter_, "ok\r\n\xA4" "A tail", dest, sizeof dest), -1);
-    EXPECT_STREQ(dest, "ok\r\n\xA4" "A ");  // the source, cut to size - 1
+    EXPECT_EQ(kemail::convert_lines(converter_,
+                                    "ok\r\n\xA4"
+                                    "A tail",
+                                    dest, sizeof dest),
+              -1);
+    EXPECT_STREQ(dest,
+                 "ok\r\n\xA4"
+                 "A ");  // the source, cut to size - 1
 }
 
 }  // namespace

@@ -43,7 +43,9 @@ inline std::string convert(const std::string& text, const char* to, const char* 
 }
 
 inline std::string sjis(const std::string& utf8) { return convert(utf8, "SJIS", "UTF-8"); }
-inline std::string from_iso2022(const std::string& jis) { return convert(jis, "UTF-8", "ISO-2022-JP"); }
+inline std::string from_iso2022(const std::string& jis) {
+    return convert(jis, "UTF-8", "ISO-2022-JP");
+}
 
 inline std::string base64_of(const std::string& bytes) {
     std::string in = bytes + std::string(3, '\0');

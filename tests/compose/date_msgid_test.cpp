@@ -45,9 +45,10 @@ std::string date_in(const char* tz) {
 
 TEST(Date, HasTheRfc822DayAndMonthNameForm) {
     const std::string date = date_in("UTC");
-    EXPECT_TRUE(compose_test::matches(date, "(Sun|Mon|Tue|Wed|Thu|Fri|Sat), [0-9]{2} "
-                                            "(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [0-9]{4} "
-                                            "[0-9]{2}:[0-9]{2}:[0-9]{2} [-+][0-9]{4}"))
+    EXPECT_TRUE(compose_test::matches(date,
+                                      "(Sun|Mon|Tue|Wed|Thu|Fri|Sat), [0-9]{2} "
+                                      "(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [0-9]{4} "
+                                      "[0-9]{2}:[0-9]{2}:[0-9]{2} [-+][0-9]{4}"))
         << date;
     char expected[64];
     time_t now = time(nullptr);
@@ -136,7 +137,8 @@ struct FreshRun {
     std::string output;
 };
 
-FreshRun run_fresh(const std::string& node, const std::string& resolver, const std::string& expect) {
+FreshRun run_fresh(const std::string& node, const std::string& resolver,
+                   const std::string& expect) {
     kemail_test::TempDir dir;
     const std::string conf = dir.file("resolv.conf");
     kemail_test::write_file(conf, resolver);
@@ -149,8 +151,8 @@ FreshRun run_fresh(const std::string& node, const std::string& resolver, const s
         if (mount(conf.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0) _exit(93);
         setenv(g_fresh_marker.c_str(), expect.c_str(), 1);
         const std::string out = "--gtest_output=xml:" + out_path;
-        execl("/proc/self/exe", "compose_tests", "--gtest_filter=FreshHost.*", "--gtest_also_run_disabled_tests", out.c_str(),
-              static_cast<char*>(nullptr));
+        execl("/proc/self/exe", "compose_tests", "--gtest_filter=FreshHost.*",
+              "--gtest_also_run_disabled_tests", out.c_str(), static_cast<char*>(nullptr));
         _exit(94);
     }
     FreshRun run;
@@ -164,9 +166,12 @@ FreshRun run_fresh(const std::string& node, const std::string& resolver, const s
 void expect_fresh_run_passed(const FreshRun& run) {
     EXPECT_EQ(run.status, 0) << run.output;
     // The one test ran to completion without failure or skip.
-    EXPECT_NE(run.output.find("<testsuites tests=\"1\" failures=\"0\""), std::string::npos) << run.output;
-    EXPECT_NE(run.output.find("name=\"DISABLED_LooksUpTheNameAndTraces\""), std::string::npos) << run.output;
-    EXPECT_NE(run.output.find("status=\"run\" result=\"completed\""), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("<testsuites tests=\"1\" failures=\"0\""), std::string::npos)
+        << run.output;
+    EXPECT_NE(run.output.find("name=\"DISABLED_LooksUpTheNameAndTraces\""), std::string::npos)
+        << run.output;
+    EXPECT_NE(run.output.find("status=\"run\" result=\"completed\""), std::string::npos)
+        << run.output;
     EXPECT_EQ(run.output.find("<skipped"), std::string::npos) << run.output;
     EXPECT_EQ(run.output.find("<failure"), std::string::npos) << run.output;
 }
@@ -193,7 +198,8 @@ TEST(FreshHost, DISABLED_LooksUpTheNameAndTraces) {
         if (appended) expected_codes.push_back("mkmsgid0030");
         expected_codes.push_back("mkmsgid0040");
     }
-    for (const char* code : {"mkmsgid0050", "mkmsgid0100", "mkmsgidFFFF"}) expected_codes.push_back(code);
+    for (const char* code : {"mkmsgid0050", "mkmsgid0100", "mkmsgidFFFF"})
+        expected_codes.push_back(code);
     EXPECT_EQ(compose_test::trace_codes(), expected_codes);
     if (appended && !has_dot) {
         EXPECT_EQ(trace_of("mkmsgid0030").level, 0u);
@@ -202,8 +208,9 @@ TEST(FreshHost, DISABLED_LooksUpTheNameAndTraces) {
 }
 
 TEST(MessageId, NodeWithoutDotTakesTheResolverDomain) {
-    const FreshRun run = run_fresh("nodot", "search a.example\ndomainname wrong.example\n"
-                                            "domain \t example.test  \ndomain second.example\n",
+    const FreshRun run = run_fresh("nodot",
+                                   "search a.example\ndomainname wrong.example\n"
+                                   "domain \t example.test  \ndomain second.example\n",
                                    "nodot.example.test");
     expect_fresh_run_passed(run);
 }

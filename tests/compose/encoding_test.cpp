@@ -66,10 +66,13 @@ std::string decode_subject(const std::string& value) {
     size_t at = 0;
     for (;;) {
         const size_t word = value.find("=?ISO-2022-JP?B?", at);
-        std::string literal = value.substr(at, word == std::string::npos ? std::string::npos : word - at);
-        for (size_t crlf; (crlf = literal.find("\r\n")) != std::string::npos;) literal.erase(crlf, 2);
+        std::string literal =
+            value.substr(at, word == std::string::npos ? std::string::npos : word - at);
+        for (size_t crlf; (crlf = literal.find("\r\n")) != std::string::npos;)
+            literal.erase(crlf, 2);
         const bool between_words = at != 0 && word != std::string::npos;
-        if (!(between_words && literal.find_first_not_of(" ") == std::string::npos)) utf8 += literal;
+        if (!(between_words && literal.find_first_not_of(" ") == std::string::npos))
+            utf8 += literal;
         if (word == std::string::npos) break;
         const size_t end = value.find("?=", word + 16);
         utf8 += from_iso2022(decode_base64(value.substr(word + 16, end - word - 16)));
@@ -138,7 +141,8 @@ TEST(SjisToJis, AgreesWithThePlatformConverterOnEveryCode) {
             if (iconv(cd, &ip, &il, &op, &ol) == static_cast<size_t>(-1)) continue;
             if (sizeof out - ol != 2 || out[0] < 0xA1) continue;
             const int euc = (out[0] << 8) | out[1];
-            EXPECT_EQ(SMTP_sjistojis((lead << 8) | trail), euc & 0x7F7F) << std::hex << lead << trail;
+            EXPECT_EQ(SMTP_sjistojis((lead << 8) | trail), euc & 0x7F7F)
+                << std::hex << lead << trail;
             ++compared;
         }
     }
@@ -195,7 +199,8 @@ TEST(Iso2022, LoneLeadByteStopsAtTheEnd) {
     unsigned char out[16];
     std::memset(out, 0xEE, sizeof out);
     SMTP_toISO2022(src, reinterpret_cast<char*>(out));
-    const unsigned char expected[] = {'a', 0x1B, 0x24, 0x42, 0x00, 0x81, 0x1B, 0x28, 0x4A, 0x00, 0xEE};
+    const unsigned char expected[] = {'a',  0x1B, 0x24, 0x42, 0x00, 0x81,
+                                      0x1B, 0x28, 0x4A, 0x00, 0xEE};
     EXPECT_EQ(0, std::memcmp(out, expected, sizeof expected));
     // Also with the lead byte as the very last byte of an exact heap block.
     char* exact = static_cast<char*>(std::malloc(3));

@@ -31,22 +31,26 @@ protected:
 };
 
 TEST_F(Golden, AsciiSinglePart) {
-    const std::string body = write_input("body.txt", "Hello,\r\n.dot line\r\n\r\nA line\twith tab.\r\nlast");
-    ASSERT_EQ(SMTP_makeTopData(fd_, body.c_str(), "agent@example.com", "a@example.com, b@example.com",
-                               "Disk alert on host1", boundary_, 0, 0, &err_),
-              0);
+    const std::string body =
+        write_input("body.txt", "Hello,\r\n.dot line\r\n\r\nA line\twith tab.\r\nlast");
+    ASSERT_EQ(
+        SMTP_makeTopData(fd_, body.c_str(), "agent@example.com", "a@example.com, b@example.com",
+                         "Disk alert on host1", boundary_, 0, 0, &err_),
+        0);
     expect_golden("ascii_single.eml");
 }
 
 TEST_F(Golden, JapaneseMultipart) {
     const std::string subject = sjis("【警告】ディスク使用率が閾値を超えました host1");
     const std::string body = write_input(
-        "body.txt", sjis("各位\r\n\r\nディスク使用率が９５％を超えました。\r\nﾎｽﾄ: host1\r\n.以上\r\n"));
+        "body.txt",
+        sjis("各位\r\n\r\nディスク使用率が９５％を超えました。\r\nﾎｽﾄ: host1\r\n.以上\r\n"));
     const std::string first = write_input("report.bin", pattern_bytes(52));
     const std::string second = write_input("empty.log", "");
-    ASSERT_EQ(SMTP_makeTopData(fd_, body.c_str(), "agent@example.com", "ops@example.com,dev@example.com",
-                               subject.c_str(), boundary_, 1, 0, &err_),
-              0);
+    ASSERT_EQ(
+        SMTP_makeTopData(fd_, body.c_str(), "agent@example.com", "ops@example.com,dev@example.com",
+                         subject.c_str(), boundary_, 1, 0, &err_),
+        0);
     ASSERT_EQ(SMTP_makeAppendData(fd_, first.c_str(), boundary_, 1, &err_), 0);
     ASSERT_EQ(SMTP_makeAppendData(fd_, second.c_str(), boundary_, 0, &err_), 0);
     expect_golden("japanese_multipart.eml");
@@ -56,8 +60,8 @@ TEST_F(Golden, PartialInnerMessageWithShortDisposition) {
     Content_D_flg = 1;
     const std::string body = write_input("body.txt", "See the attachment.\r\n");
     const std::string data = write_input("data.csv", pattern_bytes(200));
-    ASSERT_EQ(SMTP_makeTopData(fd_, body.c_str(), "agent@example.com", "ops@example.com", "Weekly data",
-                               boundary_, 1, 1, &err_),
+    ASSERT_EQ(SMTP_makeTopData(fd_, body.c_str(), "agent@example.com", "ops@example.com",
+                               "Weekly data", boundary_, 1, 1, &err_),
               0);
     ASSERT_EQ(SMTP_makeAppendData(fd_, data.c_str(), boundary_, 0, &err_), 0);
     expect_golden("partial_inner.eml");

@@ -58,12 +58,14 @@ protected:
 
     // Sends one piece to a scripted server that records everything.
     std::string send_piece(const char* subject, int number, int total, int* result,
-                           const char* to = "a@x.jp,b@y.jp,c@z.jp", std::string piece = "PIECE BYTES\r\n") {
+                           const char* to = "a@x.jp,b@y.jp,c@z.jp",
+                           std::string piece = "PIECE BYTES\r\n") {
         kemail_test::ScriptServer server(kemail_test::Script().bound_ms(5000).drain());
         const int sock = connect_to(server.port());
         EXPECT_GE(sock, 0);
-        *result = SMTP_sendData_Partial(sock, piece.data(), static_cast<int>(piece.size()), "me@example.com",
-                                        to, subject, number, total, "luntbID@example", &err_);
+        *result = SMTP_sendData_Partial(sock, piece.data(), static_cast<int>(piece.size()),
+                                        "me@example.com", to, subject, number, total,
+                                        "luntbID@example", &err_);
         close(sock);
         EXPECT_TRUE(server.wait_done());
         return server.received();
@@ -91,9 +93,10 @@ TEST_F(Partial, PieceTwoOfThreeCarriesItsOwnOuterHeader) {
     for (const auto& code : trace_codes()) {
         if (code.rfind("smtp14", 0) == 0) own.push_back(code);
     }
-    EXPECT_EQ(own, (std::vector<std::string>{"smtp1400", "smtp1415", "smtp1425", "smtp1430-1", "smtp1430-1",
-                                             "smtp1430-1", "smtp1431", "smtp1435", "smtp1445", "smtp1452",
-                                             "smtp1458", "smtp1465", "smtp14FF"}));
+    EXPECT_EQ(own, (std::vector<std::string>{"smtp1400", "smtp1415", "smtp1425", "smtp1430-1",
+                                             "smtp1430-1", "smtp1430-1", "smtp1431", "smtp1435",
+                                             "smtp1445", "smtp1452", "smtp1458", "smtp1465",
+                                             "smtp14FF"}));
     EXPECT_EQ(trace_of("smtp1445").data, "Subject: Weekly data [2/3]\r\n");
     // Kept: the MIME-Version trace shows the Subject line, formatted last.
     EXPECT_EQ(trace_of("smtp1452").data, "Subject: Weekly data [2/3]\r\n");
@@ -175,7 +178,8 @@ TEST_F(Partial, EachFailedSendHasItsTraceCode) {
         g_fail_at_call = call;
         g_calls = 0;
         char piece[] = "body";
-        const int result = SMTP_sendData_Partial(pair[0], piece, 4, "me@x", "a@x,b@y", "S", 1, 2, "id", &err_);
+        const int result =
+            SMTP_sendData_Partial(pair[0], piece, 4, "me@x", "a@x,b@y", "S", 1, 2, "id", &err_);
         g_fail_fd = -1;
         close(pair[0]);
         close(pair[1]);
@@ -206,8 +210,8 @@ TEST(PartialId, SenderCopyWithDotsAfterTheOnlyAt) {
     char hostid[16];
     snprintf(hostid, sizeof hostid, "%x", static_cast<unsigned>(gethostid()));
     std::vector<std::string> m;
-    ASSERT_TRUE(compose_test::matches(id, "luntb([0-9a-f]+)" + std::string(host) + hostid + "@ops\\.example\\.com",
-                                      &m))
+    ASSERT_TRUE(compose_test::matches(
+        id, "luntb([0-9a-f]+)" + std::string(host) + hostid + "@ops\\.example\\.com", &m))
         << id;
     EXPECT_EQ(std::count(id, id + n, '@'), 1);
     const uint32_t seconds = compose_test::word_of(trace_of("smtp1540"));
@@ -215,8 +219,9 @@ TEST(PartialId, SenderCopyWithDotsAfterTheOnlyAt) {
     char numbers[32];
     snprintf(numbers, sizeof numbers, "%x%x", seconds, micros);
     EXPECT_EQ(m[1], numbers);
-    EXPECT_EQ(trace_codes(), (std::vector<std::string>{"smtp1500", "smtp1510", "smtp1515", "smtp1530",
-                                                       "smtp1540", "smtp1550", "smtp15FF"}));
+    EXPECT_EQ(trace_codes(),
+              (std::vector<std::string>{"smtp1500", "smtp1510", "smtp1515", "smtp1530", "smtp1540",
+                                        "smtp1550", "smtp15FF"}));
     EXPECT_EQ(trace_of("smtp15FF").data, id);
     EXPECT_EQ(trace_of("smtp1500").data, "");
 }

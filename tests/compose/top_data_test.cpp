@@ -197,8 +197,8 @@ TEST_F(TopData, LongLineIsCutEvery1024Bytes) {
     std::string line;
     for (int i = 0; i < 3000; ++i) line += static_cast<char>('a' + i % 26);
     ASSERT_EQ(compose_body(line), 0);
-    EXPECT_EQ(text_part(), kUsAscii + line.substr(0, 1024) + "\r\n" + line.substr(1024, 1024) + "\r\n" +
-                               line.substr(2048) + "\r\n");
+    EXPECT_EQ(text_part(), kUsAscii + line.substr(0, 1024) + "\r\n" + line.substr(1024, 1024) +
+                               "\r\n" + line.substr(2048) + "\r\n");
 }
 
 // Kept: a CR still waiting for its LF counts, so the CR LF is split.
@@ -291,7 +291,9 @@ TEST_F(TopData, EachFailedWriteHasItsTraceCode) {
     std::memset(boundary_, 0, sizeof boundary_);
     auto compose_full = [&] {
         reset_message();
-        EXPECT_EQ(SMTP_makeTopData(fd_, body_path.c_str(), "f@x", "a@x,b@y", "S", boundary_, 1, 0, &err_), 0);
+        EXPECT_EQ(
+            SMTP_makeTopData(fd_, body_path.c_str(), "f@x", "a@x,b@y", "S", boundary_, 1, 0, &err_),
+            0);
         return message();
     };
     // Where each write begins in a composed message.
@@ -308,7 +310,8 @@ TEST_F(TopData, EachFailedWriteHasItsTraceCode) {
         {[](const std::string& m) { return m.find("Message-Id:"); }, "smtp0623"},
         {[](const std::string& m) { return m.find("MIME-Version:"); }, "smtp0625"},
         {[](const std::string& m) { return m.find("Content-Type: multipart"); }, "smtp0630"},
-        {[](const std::string& m) { return m.find("\r\n--", m.find("multipart/mixed")); }, "smtp0635"},
+        {[](const std::string& m) { return m.find("\r\n--", m.find("multipart/mixed")); },
+         "smtp0635"},
         {[](const std::string& m) { return m.find("Content-Type: text"); }, "smtp0655"},
         {[](const std::string& m) { return m.find("\r\nfirst"); }, "smtp0660"},
         {[](const std::string& m) { return m.find("first"); }, "smtp0665"},
@@ -335,7 +338,8 @@ TEST_F(TopData, EachFailedWriteHasItsTraceCode) {
             err_ = 0;
             {
                 compose_test::FileSizeLimit file_limit(limit);
-                result = SMTP_makeTopData(fd_, body_path.c_str(), "f@x", "a@x,b@y", "S", boundary_, 1, 0, &err_);
+                result = SMTP_makeTopData(fd_, body_path.c_str(), "f@x", "a@x,b@y", "S", boundary_,
+                                          1, 0, &err_);
             }
             const long written_id = message_id_length(message());
             if (written_id < 0 || written_id == message_id_length(full)) break;
@@ -346,7 +350,8 @@ TEST_F(TopData, EachFailedWriteHasItsTraceCode) {
         EXPECT_EQ(word_of(trace_of(c.code)), static_cast<uint32_t>(EFBIG));
         EXPECT_EQ(trace_of(c.code).level, 0u);
         EXPECT_FALSE(has_trace("smtp06FF"));
-        EXPECT_EQ(mask_message(message()), mask_message(full).substr(0, mask_message(message()).size()));
+        EXPECT_EQ(mask_message(message()),
+                  mask_message(full).substr(0, mask_message(message()).size()));
         EXPECT_LE(message().size(), limit);
     }
 }

@@ -26,8 +26,9 @@ Converted convert(const std::string& utf8, size_t size = 256) {
 
 TEST(Utf8ToSjis, KanjiKanaHalfWidthKatakanaAndAscii) {
     // "日本語 あア ｱ abc"
-    const Converted c = convert("\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E \xE3\x81\x82\xE3\x82\xA2 "
-                                "\xEF\xBD\xB1 abc");
+    const Converted c = convert(
+        "\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E \xE3\x81\x82\xE3\x82\xA2 "
+        "\xEF\xBD\xB1 abc");
     EXPECT_EQ(c.text, "\x93\xFA\x96\x7B\x8C\xEA \x82\xA0\x83\x41 \xB1 abc");
     EXPECT_FALSE(c.result.replaced);
     EXPECT_FALSE(c.result.too_long);
@@ -50,8 +51,16 @@ TEST(Utf8ToSjis, ACharacterWithoutAFormBecomesTheGetaMark) {
 TEST(Utf8ToSjis, EachBrokenByteBecomesTheGetaMark) {
     // A stray continuation byte, a lead byte without its continuation, an
     // overlong slash and an encoded surrogate.
-    const Converted c = convert("a\x80" "b\xE3" "c\xC0\xAF" "d\xED\xA0\x80");
-    EXPECT_EQ(c.text, "a\x81\xAC" "b\x81\xAC" "c\x81\xAC\x81\xAC" "d\x81\xAC\x81\xAC\x81\xAC");
+    const Converted c = convert(
+        "a\x80"
+        "b\xE3"
+        "c\xC0\xAF"
+        "d\xED\xA0\x80");
+    EXPECT_EQ(c.text,
+              "a\x81\xAC"
+              "b\x81\xAC"
+              "c\x81\xAC\x81\xAC"
+              "d\x81\xAC\x81\xAC\x81\xAC");
     EXPECT_TRUE(c.result.replaced);
 }
 

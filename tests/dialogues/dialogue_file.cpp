@@ -48,7 +48,8 @@ bool split_args(const std::string& text, std::vector<std::string>* out, std::str
             continue;
         }
         const size_t end = text.find_first_of(" \t", at);
-        out->push_back(unescape(text.substr(at, end == std::string::npos ? std::string::npos : end - at)));
+        out->push_back(
+            unescape(text.substr(at, end == std::string::npos ? std::string::npos : end - at)));
         at = end == std::string::npos ? text.size() : end;
     }
     return true;
@@ -79,19 +80,20 @@ std::string unescape(const std::string& text) {
         }
         const char c = text[++i];
         switch (c) {
-        case 'r': out += '\r'; break;
-        case 'n': out += '\n'; break;
-        case 't': out += '\t'; break;
-        case '0': out += '\0'; break;
-        case 'x':
-            if (i + 2 < text.size() + 0 && hex_value(text[i + 1]) >= 0 && hex_value(text[i + 2]) >= 0) {
-                out += static_cast<char>(hex_value(text[i + 1]) * 16 + hex_value(text[i + 2]));
-                i += 2;
-            } else {
-                out += "\\x";
-            }
-            break;
-        default: out += c; break;  // \\ and \"
+            case 'r': out += '\r'; break;
+            case 'n': out += '\n'; break;
+            case 't': out += '\t'; break;
+            case '0': out += '\0'; break;
+            case 'x':
+                if (i + 2 < text.size() + 0 && hex_value(text[i + 1]) >= 0 &&
+                    hex_value(text[i + 2]) >= 0) {
+                    out += static_cast<char>(hex_value(text[i + 1]) * 16 + hex_value(text[i + 2]));
+                    i += 2;
+                } else {
+                    out += "\\x";
+                }
+                break;
+            default: out += c; break;  // \\ and \"
         }
     }
     return out;
@@ -102,10 +104,14 @@ std::string escape(const std::string& bytes) {
     std::string out;
     for (const char c : bytes) {
         const unsigned char u = static_cast<unsigned char>(c);
-        if (c == '\r') out += "\\r";
-        else if (c == '\n') out += "\\n";
-        else if (c == '\t') out += "\\t";
-        else if (c == '\\') out += "\\\\";
+        if (c == '\r')
+            out += "\\r";
+        else if (c == '\n')
+            out += "\\n";
+        else if (c == '\t')
+            out += "\\t";
+        else if (c == '\\')
+            out += "\\\\";
         else if (u < 0x20 || u >= 0x7f) {
             out += "\\x";
             out += kHex[u >> 4];
@@ -143,7 +149,8 @@ bool read_dialogue(const std::string& path, Dialogue* out, std::string* error) {
             continue;
         }
         // The conversation: "S: ", "C: ", "D: " (an empty line may drop the blank).
-        if (line.size() >= 2 && line[1] == ':' && (line[0] == 'S' || line[0] == 'C' || line[0] == 'D')) {
+        if (line.size() >= 2 && line[1] == ':' &&
+            (line[0] == 'S' || line[0] == 'C' || line[0] == 'D')) {
             in_request = false;
             std::string text = line.size() > 2 ? line.substr(line[2] == ' ' ? 3 : 2) : "";
             text = unescape(text) + "\r\n";
@@ -167,7 +174,8 @@ bool read_dialogue(const std::string& path, Dialogue* out, std::string* error) {
         // "D< FILE": the whole message data is the file under golden/.
         if (line.rfind("D< ", 0) == 0) {
             in_request = false;
-            const std::string golden = path.substr(0, path.rfind('/') + 1) + "golden/" + line.substr(3);
+            const std::string golden =
+                path.substr(0, path.rfind('/') + 1) + "golden/" + line.substr(3);
             std::ifstream data(golden, std::ios::binary);
             std::ostringstream bytes;
             if (data) bytes << data.rdbuf();  // a missing file reads as empty
@@ -189,10 +197,14 @@ bool read_dialogue(const std::string& path, Dialogue* out, std::string* error) {
             in_request = call.function == "send";
         } else if (in_request && (word == "to" || word == "from" || word == "subject")) {
             const std::string value = unescape(rest);
-            (word == "to" ? d.request.to : word == "from" ? d.request.from : d.request.subject) = value;
+            (word == "to"     ? d.request.to
+             : word == "from" ? d.request.from
+                              : d.request.subject) = value;
         } else if (in_request && word == "text") {
-            if (rest == "NULL") d.request.text.reset();
-            else d.request.text = unescape(rest);
+            if (rest == "NULL")
+                d.request.text.reset();
+            else
+                d.request.text = unescape(rest);
         } else if (in_request && word == "attach") {
             if (args.empty() || args.size() > 2) return fail("attach NAME [KIND]");
             long kind = 3;  // an attachment the library leaves in place
@@ -211,9 +223,12 @@ bool read_dialogue(const std::string& path, Dialogue* out, std::string* error) {
                 (word == "reply" ? call.reply : call.message) = unescape(rest);
             } else {
                 if (args.size() != 1 || !to_int(args[0], &n)) return fail(word + " needs a number");
-                if (word == "result") call.result = static_cast<int>(n);
-                else if (word == "err") call.err = static_cast<unsigned>(n);
-                else call.timeout = static_cast<unsigned>(n);
+                if (word == "result")
+                    call.result = static_cast<int>(n);
+                else if (word == "err")
+                    call.err = static_cast<unsigned>(n);
+                else
+                    call.timeout = static_cast<unsigned>(n);
             }
         } else if (word == "server") {
             in_request = false;
@@ -222,11 +237,16 @@ bool read_dialogue(const std::string& path, Dialogue* out, std::string* error) {
             long ms = 0;
             if ((what == "sleep" || what == "bound") && (args.size() != 2 || !to_int(args[1], &ms)))
                 return fail("server " + what + " MS");
-            if (what == "sleep") d.steps.push_back({ServerStep::Kind::Sleep, "", static_cast<int>(ms), ""});
-            else if (what == "bound") d.steps.push_back({ServerStep::Kind::Bound, "", static_cast<int>(ms), ""});
-            else if (what == "close") d.steps.push_back({ServerStep::Kind::Close, "", 0, ""});
-            else if (what == "reset") d.steps.push_back({ServerStep::Kind::Reset, "", 0, ""});
-            else if (what == "accept") d.steps.push_back({ServerStep::Kind::Accept, "", 0, ""});
+            if (what == "sleep")
+                d.steps.push_back({ServerStep::Kind::Sleep, "", static_cast<int>(ms), ""});
+            else if (what == "bound")
+                d.steps.push_back({ServerStep::Kind::Bound, "", static_cast<int>(ms), ""});
+            else if (what == "close")
+                d.steps.push_back({ServerStep::Kind::Close, "", 0, ""});
+            else if (what == "reset")
+                d.steps.push_back({ServerStep::Kind::Reset, "", 0, ""});
+            else if (what == "accept")
+                d.steps.push_back({ServerStep::Kind::Accept, "", 0, ""});
             else if (what == "drain") {
                 // What the client sends until it closes: nothing, unless given.
                 d.steps.push_back({ServerStep::Kind::Drain, args.size() > 1 ? args[1] : "", 0, ""});
@@ -244,7 +264,8 @@ bool read_dialogue(const std::string& path, Dialogue* out, std::string* error) {
             if (args[1] == "pattern") {
                 if (!to_int(args[2], &n)) return fail("bad size");
                 std::string bytes(static_cast<size_t>(n), '\0');
-                for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>((i * 7) % 256);
+                for (size_t i = 0; i < bytes.size(); ++i)
+                    bytes[i] = static_cast<char>((i * 7) % 256);
                 d.files.push_back({args[0], bytes});
             } else if (args[1] == "text") {
                 d.files.push_back({args[0], args[2]});
@@ -286,7 +307,8 @@ bool read_dialogue(const std::string& path, Dialogue* out, std::string* error) {
     }
     if (d.calls.empty()) return fail("no call");
     for (const ServerStep& step : d.steps) {
-        if (step.kind == ServerStep::Kind::ReadData && step.ms == 0) return fail("data without its \"D: .\" line");
+        if (step.kind == ServerStep::Kind::ReadData && step.ms == 0)
+            return fail("data without its \"D: .\" line");
     }
     *out = std::move(d);
     return true;

@@ -12,9 +12,9 @@ namespace dialogue {
 struct ServerStep {
     enum class Kind { Send, ReadLine, ReadData, Drain, Sleep, Bound, Close, Reset, Accept };
     Kind kind;
-    std::string bytes;  // Send: what to send; ReadLine/ReadData/Drain: what the client must send
-    int ms = 0;         // Sleep, Bound: milliseconds; ReadData: 1 once its end mark is in
-    std::string golden; // ReadData from a file under golden/: its name
+    std::string bytes;   // Send: what to send; ReadLine/ReadData/Drain: what the client must send
+    int ms = 0;          // Sleep, Bound: milliseconds; ReadData: 1 once its end mark is in
+    std::string golden;  // ReadData from a file under golden/: its name
 };
 
 // One call of the library and what it must give.
@@ -23,9 +23,9 @@ struct Call {
     std::vector<std::string> args;  // unescaped; "NULL" stays as the word
     std::optional<int> result;
     std::optional<unsigned> err;
-    std::optional<std::string> reply;     // SMTP_GetSmtpSvResponce after the call
-    std::optional<unsigned> timeout;      // g_ulTimeOut after the call
-    std::optional<std::string> message;   // the send's message buffer
+    std::optional<std::string> reply;    // SMTP_GetSmtpSvResponce after the call
+    std::optional<unsigned> timeout;     // g_ulTimeOut after the call
+    std::optional<std::string> message;  // the send's message buffer
     int line = 0;
 };
 
@@ -64,9 +64,9 @@ struct Dialogue {
     std::vector<Call> calls;
     Request request;
     std::vector<TraceCheck> traces;
-    std::vector<std::string> log_lines;     // lines the mail log must hold
-    std::vector<std::string> log_absent;    // texts the mail log must not hold
-    std::string golden_log;                 // file names under golden/, or empty
+    std::vector<std::string> log_lines;   // lines the mail log must hold
+    std::vector<std::string> log_absent;  // texts the mail log must not hold
+    std::string golden_log;               // file names under golden/, or empty
     std::string golden_trace;
     bool fake_clock = false;
     std::optional<int> connections;  // connections the server accepted

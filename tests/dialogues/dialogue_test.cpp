@@ -45,7 +45,8 @@ std::vector<std::string> dialogue_files() {
 
 std::string with_host(std::string text) {
     const std::string host = send_test::host_name();
-    for (size_t at = text.find("<host>"); at != std::string::npos; at = text.find("<host>", at + host.size()))
+    for (size_t at = text.find("<host>"); at != std::string::npos;
+         at = text.find("<host>", at + host.size()))
         text.replace(at, 6, host);
     return text;
 }
@@ -54,15 +55,15 @@ Script make_script(const Dialogue& d) {
     Script s;
     for (const ServerStep& step : d.steps) {
         switch (step.kind) {
-        case ServerStep::Kind::Send: s.send(step.bytes); break;
-        case ServerStep::Kind::ReadLine: s.read_line(); break;
-        case ServerStep::Kind::ReadData: s.read_until("\r\n.\r\n"); break;
-        case ServerStep::Kind::Drain: s.drain(); break;
-        case ServerStep::Kind::Sleep: s.sleep_ms(step.ms); break;
-        case ServerStep::Kind::Bound: s.bound_ms(step.ms); break;
-        case ServerStep::Kind::Close: s.close(); break;
-        case ServerStep::Kind::Reset: s.reset(); break;
-        case ServerStep::Kind::Accept: s.accept(); break;
+            case ServerStep::Kind::Send: s.send(step.bytes); break;
+            case ServerStep::Kind::ReadLine: s.read_line(); break;
+            case ServerStep::Kind::ReadData: s.read_until("\r\n.\r\n"); break;
+            case ServerStep::Kind::Drain: s.drain(); break;
+            case ServerStep::Kind::Sleep: s.sleep_ms(step.ms); break;
+            case ServerStep::Kind::Bound: s.bound_ms(step.ms); break;
+            case ServerStep::Kind::Close: s.close(); break;
+            case ServerStep::Kind::Reset: s.reset(); break;
+            case ServerStep::Kind::Accept: s.accept(); break;
         }
     }
     return s;
@@ -84,10 +85,14 @@ std::unique_ptr<Auth> make_auth(const std::vector<std::string>& args) {
     std::string names = args[1] + "+";
     for (size_t at = 0, end; (end = names.find('+', at)) != std::string::npos; at = end + 1) {
         const std::string name = names.substr(at, end - at);
-        if (name == "login") mechanisms |= KEMAIL_MECH_LOGIN;
-        else if (name == "plain") mechanisms |= KEMAIL_MECH_PLAIN;
-        else if (name == "cram-md5") mechanisms |= KEMAIL_MECH_CRAM_MD5;
-        else mechanisms |= static_cast<unsigned>(std::strtoul(name.c_str(), nullptr, 0));
+        if (name == "login")
+            mechanisms |= KEMAIL_MECH_LOGIN;
+        else if (name == "plain")
+            mechanisms |= KEMAIL_MECH_PLAIN;
+        else if (name == "cram-md5")
+            mechanisms |= KEMAIL_MECH_CRAM_MD5;
+        else
+            mechanisms |= static_cast<unsigned>(std::strtoul(name.c_str(), nullptr, 0));
     }
     auth->cert.ulMechanisms = mechanisms;
     std::snprintf(auth->cert.szUser, sizeof auth->cert.szUser, "%s", args[2].c_str());
@@ -110,7 +115,8 @@ const char* arg(const Call& call, size_t i) {
 }
 
 // One SMTP function on the connection; false for an unknown function.
-bool call_smtp(const Call& call, int sock, unsigned* err, int* result, std::unique_ptr<Auth>* auth) {
+bool call_smtp(const Call& call, int sock, unsigned* err, int* result,
+               std::unique_ptr<Auth>* auth) {
     const std::string& f = call.function;
     if (f == "SMTP_initialize") {
         *auth = make_auth(call.args);
@@ -137,7 +143,8 @@ bool call_smtp(const Call& call, int sock, unsigned* err, int* result, std::uniq
 // Every occurrence of what by with.
 std::string replace_all(std::string text, const std::string& what, const std::string& with) {
     if (what.empty()) return text;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + with.size()))
+    for (size_t at = text.find(what); at != std::string::npos;
+         at = text.find(what, at + with.size()))
         text.replace(at, what.size(), with);
     return text;
 }
@@ -154,7 +161,8 @@ bool has_shape(const std::string& text, size_t at, std::string_view shape) {
 }
 
 // Replaces, at the start of every line, a prefix of the shape by the mask.
-std::string mask_line_starts(const std::string& text, std::string_view shape, const std::string& mask) {
+std::string mask_line_starts(const std::string& text, std::string_view shape,
+                             const std::string& mask) {
     std::string out;
     for (size_t at = 0; at < text.size();) {
         size_t end = text.find('\n', at);
@@ -177,7 +185,8 @@ std::string mask_log(const std::string& log) {
     masked = mask_line_starts(masked, "99:99:99 ", "<time> ");
     masked = replace_all(masked, "[" + std::to_string(getpid()) + "]", "[<pid>]");
     for (const char* command : {"EHLO ", "HELO "})
-        masked = replace_all(masked, command + send_test::host_name() + "\r\n", command + std::string("<host>\r\n"));
+        masked = replace_all(masked, command + send_test::host_name() + "\r\n",
+                             command + std::string("<host>\r\n"));
     return masked;
 }
 
@@ -186,7 +195,8 @@ std::string mask_log(const std::string& log) {
 std::string mask_bytes(const std::string& bytes) {
     std::string masked = send_test::mask_variable(bytes);
     for (const char* command : {"EHLO ", "HELO "})
-        masked = replace_all(masked, command + send_test::host_name() + "\r\n", command + std::string("<host>\r\n"));
+        masked = replace_all(masked, command + send_test::host_name() + "\r\n",
+                             command + std::string("<host>\r\n"));
     return masked;
 }
 
@@ -207,7 +217,8 @@ std::string mask_trace_line(const std::string& line, bool whole_message, int* pi
     const size_t code_at = line.find(' ');
     if (code_at == std::string::npos) return line;
     const size_t code_end = line.find(' ', code_at + 1);
-    const std::string code = line.substr(code_at + 1, code_end == std::string::npos ? std::string::npos : code_end - code_at - 1);
+    const std::string code = line.substr(
+        code_at + 1, code_end == std::string::npos ? std::string::npos : code_end - code_at - 1);
     // 0: outside a piece, 1: in its header, 2: its body comes next.
     if (code == "smtp1400") *piece_state = 1;
     if (code == "smtp14FF") *piece_state = 0;
@@ -250,13 +261,15 @@ std::string printed_trace(const std::string& path, bool whole_message) {
     std::string masked;
     int piece_state = 0;
     std::istringstream lines(output);
-    for (std::string line; std::getline(lines, line);) masked += mask_trace_line(line, whole_message, &piece_state) + "\n";
+    for (std::string line; std::getline(lines, line);)
+        masked += mask_trace_line(line, whole_message, &piece_state) + "\n";
     return masked;
 }
 
 void compare_golden(const std::string& name, const std::string& actual) {
     const std::string path = kDir + "/golden/" + name;
-    if (const char* update = std::getenv("KEMAIL_UPDATE_GOLDEN"); update && std::string(update) == "1") {
+    if (const char* update = std::getenv("KEMAIL_UPDATE_GOLDEN");
+        update && std::string(update) == "1") {
         kemail_test::write_file(path, actual);
         ADD_FAILURE() << "golden file written: " << path;
         return;
@@ -327,7 +340,8 @@ TEST_P(Dialogues, Play) {
             mail.from = r.from;
             mail.subject = r.subject;
             mail.text = r.text;
-            for (const auto& [kind, name] : r.attachments) mail.attachments.push_back({kind, dir.file(name)});
+            for (const auto& [kind, name] : r.attachments)
+                mail.attachments.push_back({kind, dir.file(name)});
             mail.split = r.split;
             mail.option = SendOptionInfo{static_cast<int32_t>(r.part_kb), server.port()};
             auth = make_auth(r.auth);
@@ -392,7 +406,8 @@ TEST_P(Dialogues, Play) {
             const size_t rest = step->bytes.find("<rest>\r\n");
             if (rest != std::string::npos) {
                 const std::string head = with_host(step->bytes.substr(0, rest));
-                if (records[i].compare(0, head.size(), head) == 0 && records[i].size() >= head.size() + 5 &&
+                if (records[i].compare(0, head.size(), head) == 0 &&
+                    records[i].size() >= head.size() + 5 &&
                     records[i].compare(records[i].size() - 5, 5, "\r\n.\r\n") == 0)
                     records[i] = step->bytes;
             }
@@ -400,7 +415,8 @@ TEST_P(Dialogues, Play) {
         records[i] = escape(records[i]);
     }
     for (const ServerStep* step : reads)
-        expected.push_back(step->golden.empty() ? escape(with_host(step->bytes)) : "(golden/" + step->golden + ")");
+        expected.push_back(step->golden.empty() ? escape(with_host(step->bytes))
+                                                : "(golden/" + step->golden + ")");
     EXPECT_EQ(records, expected);
     if (d.connections) {
         EXPECT_EQ(server.connections(), *d.connections);
@@ -412,37 +428,39 @@ TEST_P(Dialogues, Play) {
         auto first = std::find_if(events.begin(), events.end(),
                                   [&](const TraceEvent& e) { return e.code == check.codes[0]; });
         switch (check.kind) {
-        case TraceCheck::Kind::InOrder: {
-            size_t next = 0;
-            for (const TraceEvent& e : events) {
-                if (next < check.codes.size() && e.code == check.codes[next]) ++next;
+            case TraceCheck::Kind::InOrder: {
+                size_t next = 0;
+                for (const TraceEvent& e : events) {
+                    if (next < check.codes.size() && e.code == check.codes[next]) ++next;
+                }
+                EXPECT_EQ(next, check.codes.size())
+                    << "trace: " << (next < check.codes.size() ? check.codes[next] : "")
+                    << " missing or out of order";
+                break;
             }
-            EXPECT_EQ(next, check.codes.size())
-                << "trace: " << (next < check.codes.size() ? check.codes[next] : "") << " missing or out of order";
-            break;
-        }
-        case TraceCheck::Kind::Data:
-            ASSERT_NE(first, events.end()) << check.codes[0] << " not traced";
-            EXPECT_EQ(escape(first->data), escape(with_host(check.data))) << check.codes[0];
-            break;
-        case TraceCheck::Kind::Level:
-            ASSERT_NE(first, events.end()) << check.codes[0] << " not traced";
-            EXPECT_EQ(static_cast<int>(first->level), check.number) << check.codes[0];
-            break;
-        case TraceCheck::Kind::Word: {
-            ASSERT_NE(first, events.end()) << check.codes[0] << " not traced";
-            uint32_t word = 0;
-            ASSERT_EQ(first->data.size(), sizeof word) << check.codes[0] << " carries no word";
-            std::memcpy(&word, first->data.data(), sizeof word);
-            EXPECT_EQ(word, static_cast<uint32_t>(check.number)) << check.codes[0];
-            break;
-        }
-        case TraceCheck::Kind::Count:
-            EXPECT_EQ(std::count_if(events.begin(), events.end(),
-                                    [&](const TraceEvent& e) { return e.code == check.codes[0]; }),
-                      check.number)
-                << check.codes[0];
-            break;
+            case TraceCheck::Kind::Data:
+                ASSERT_NE(first, events.end()) << check.codes[0] << " not traced";
+                EXPECT_EQ(escape(first->data), escape(with_host(check.data))) << check.codes[0];
+                break;
+            case TraceCheck::Kind::Level:
+                ASSERT_NE(first, events.end()) << check.codes[0] << " not traced";
+                EXPECT_EQ(static_cast<int>(first->level), check.number) << check.codes[0];
+                break;
+            case TraceCheck::Kind::Word: {
+                ASSERT_NE(first, events.end()) << check.codes[0] << " not traced";
+                uint32_t word = 0;
+                ASSERT_EQ(first->data.size(), sizeof word) << check.codes[0] << " carries no word";
+                std::memcpy(&word, first->data.data(), sizeof word);
+                EXPECT_EQ(word, static_cast<uint32_t>(check.number)) << check.codes[0];
+                break;
+            }
+            case TraceCheck::Kind::Count:
+                EXPECT_EQ(
+                    std::count_if(events.begin(), events.end(),
+                                  [&](const TraceEvent& e) { return e.code == check.codes[0]; }),
+                    check.number)
+                    << check.codes[0];
+                break;
         }
     }
 
@@ -451,14 +469,17 @@ TEST_P(Dialogues, Play) {
         const std::string log = kemail_test::read_file(log_path);
         for (const std::string& line : d.log_lines) {
             EXPECT_NE(log.find(" " + with_host(line) + "\r\n"), std::string::npos)
-                << "missing in the mail log: " << line << "\n" << log;
+                << "missing in the mail log: " << line << "\n"
+                << log;
         }
         for (const std::string& text : d.log_absent) {
-            EXPECT_EQ(log.find(text), std::string::npos) << "in the mail log: " << text << "\n" << log;
+            EXPECT_EQ(log.find(text), std::string::npos) << "in the mail log: " << text << "\n"
+                                                         << log;
         }
         if (!d.golden_log.empty()) compare_golden(d.golden_log, mask_log(log));
     }
-    if (!d.golden_trace.empty()) compare_golden(d.golden_trace, printed_trace(trace_path, d.request.split == 0));
+    if (!d.golden_trace.empty())
+        compare_golden(d.golden_trace, printed_trace(trace_path, d.request.split == 0));
     ::unlink(log_path.c_str());
     ::unlink(trace_path.c_str());
 }

@@ -20,10 +20,10 @@ iconv_t g_sjis_to_euc;
 std::string convert(bool to_sjis, const std::string& in, unsigned int room, int* result) {
     std::unique_ptr<char[]> out(new char[room == 0 ? 1 : room]);
     unsigned int length = 0xFFFFFFFFu;
-    *result = to_sjis ? Cnv_euctosjis(g_euc_to_sjis, static_cast<unsigned int>(in.size()), in.data(), room,
-                                      out.get(), &length)
-                      : Cnv_sjistoeuc(g_sjis_to_euc, static_cast<unsigned int>(in.size()), in.data(), room,
-                                      out.get(), &length);
+    *result = to_sjis ? Cnv_euctosjis(g_euc_to_sjis, static_cast<unsigned int>(in.size()),
+                                      in.data(), room, out.get(), &length)
+                      : Cnv_sjistoeuc(g_sjis_to_euc, static_cast<unsigned int>(in.size()),
+                                      in.data(), room, out.get(), &length);
     FUZZ_CHECK(*result >= -2);
     if (*result == -1) return {};
     FUZZ_CHECK(length <= room);
@@ -46,8 +46,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // Byte 0: direction; byte 1: the room, from none to three times the input.
     const bool to_sjis = (data[0] & 1) == 0;
     const std::string in(reinterpret_cast<const char*>(data + 2), size - 2);
-    const unsigned int room =
-        data[1] < 200 ? static_cast<unsigned int>(in.size() * data[1] / 64) : static_cast<unsigned int>(data[1] - 200);
+    const unsigned int room = data[1] < 200 ? static_cast<unsigned int>(in.size() * data[1] / 64)
+                                            : static_cast<unsigned int>(data[1] - 200);
 
     int result = 0;
     const std::string out = convert(to_sjis, in, room, &result);
@@ -56,7 +56,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // comes back unchanged the other way.
     if (result >= 0 && room >= 3 * in.size() + 1 && in.find('\0') == std::string::npos) {
         int back_result = 0;
-        const std::string back = convert(!to_sjis, out, static_cast<unsigned int>(3 * out.size() + 1), &back_result);
+        const std::string back =
+            convert(!to_sjis, out, static_cast<unsigned int>(3 * out.size() + 1), &back_result);
         if (back_result >= 0 && to_sjis) FUZZ_CHECK(back == in);
     }
 

@@ -38,7 +38,8 @@ bool clean_sjis(const std::string& text) {
         const unsigned char b = static_cast<unsigned char>(text[i]);
         if (b == 0x1B) return false;
         if (is_lead(b)) {
-            if (i + 1 >= text.size() || !is_trail(static_cast<unsigned char>(text[i + 1]))) return false;
+            if (i + 1 >= text.size() || !is_trail(static_cast<unsigned char>(text[i + 1])))
+                return false;
             ++i;
         }
     }
@@ -75,7 +76,8 @@ bool iso_to_sjis(const std::string& iso, std::string* out, size_t* pairs) {
 }
 
 int b64_value(char c) {
-    static const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    static const char kAlphabet[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     const char* p = c ? std::strchr(kAlphabet, c) : nullptr;
     return p ? static_cast<int>(p - kAlphabet) : -1;
 }
@@ -204,7 +206,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint8_t which = data[0] % 4;
     ++data;
     --size;
-    const std::string text(reinterpret_cast<const char*>(data), strnlen(reinterpret_cast<const char*>(data), size));
+    const std::string text(reinterpret_cast<const char*>(data),
+                           strnlen(reinterpret_cast<const char*>(data), size));
     switch (which) {
         case 0:
             if (size >= 2) check_sjistojis(data[0], data[1]);

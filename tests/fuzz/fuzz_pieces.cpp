@@ -33,7 +33,8 @@ public:
             FUZZ_CHECK(fd_ >= 0);
             write_fd = fd_;
         }
-        FUZZ_CHECK(write(write_fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()));
+        FUZZ_CHECK(write(write_fd, bytes.data(), bytes.size()) ==
+                   static_cast<ssize_t>(bytes.size()));
         if (as_pipe) {
             FUZZ_CHECK(close(write_fd) == 0);
         } else {
@@ -59,7 +60,8 @@ void check_getline(const std::string& file, size_t seed) {
         FUZZ_CHECK(start >= 0 && start < end);
         const size_t length = static_cast<size_t>(end - start);
         FUZZ_CHECK(length <= static_cast<size_t>(line_size - 1));
-        FUZZ_CHECK(std::memcmp(line.get(), file.data() + start, length) == 0 && line[length] == '\0');
+        FUZZ_CHECK(std::memcmp(line.get(), file.data() + start, length) == 0 &&
+                   line[length] == '\0');
         if (start > 1 && static_cast<int>(length) < line_size - 1) {
             FUZZ_CHECK(file[start - 2] == '\r' && file[start - 1] == '\n');
         }

@@ -48,7 +48,8 @@ Profile snapshot(const ProfileHandle* handle) {
     return out;
 }
 
-const std::string* find(const Profile& profile, const std::string& section, const std::string& key) {
+const std::string* find(const Profile& profile, const std::string& section,
+                        const std::string& key) {
     for (const Section& s : profile) {
         if (s.name != section) continue;
         for (const auto& entry : s.entries) {
@@ -135,11 +136,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const std::string* found = find(model, s.name, entry.first);
             const std::string* value = found ? found : &kDefault;
             out[out_size] = '#';
-            const int n = Com_GetPrivateProfileString(handle, s.name.c_str(), entry.first.c_str(), kDefault.c_str(), out.get(),
-                                                      out_size);
-            const size_t expected = out_size == 0 ? 0 : std::min<size_t>(value->size(), out_size - 1);
+            const int n = Com_GetPrivateProfileString(handle, s.name.c_str(), entry.first.c_str(),
+                                                      kDefault.c_str(), out.get(), out_size);
+            const size_t expected =
+                out_size == 0 ? 0 : std::min<size_t>(value->size(), out_size - 1);
             FUZZ_CHECK(n == static_cast<int>(expected));
-            if (out_size > 0) FUZZ_CHECK(value->compare(0, expected, out.get()) == 0 && out[expected] == '\0');
+            if (out_size > 0)
+                FUZZ_CHECK(value->compare(0, expected, out.get()) == 0 && out[expected] == '\0');
             FUZZ_CHECK(out[out_size] == '#');
             Com_GetPrivateProfileInt(handle, s.name.c_str(), entry.first.c_str(), -1, nullptr);
             Com_GetPrivateProfileIntHex(handle, s.name.c_str(), entry.first.c_str(), 7u, nullptr);
@@ -148,7 +151,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     // One change, so that the close writes the file back.
     const std::string section = model.empty() ? "KEMAIL" : model.back().name;
-    FUZZ_CHECK(Com_WritePrivateProfileString(handle, section.c_str(), "CONTENT_DISPOSITION", "1") == 1);
+    FUZZ_CHECK(Com_WritePrivateProfileString(handle, section.c_str(), "CONTENT_DISPOSITION", "1") ==
+               1);
     model_write(&model, section, "CONTENT_DISPOSITION", "1");
     FUZZ_CHECK(same(snapshot(handle), model));
     FUZZ_CHECK(Com_ClosePrivateProfile2(handle, g_path.c_str(), &err) == 0);

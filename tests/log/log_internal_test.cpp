@@ -124,7 +124,8 @@ TEST(OldFileList, NewestFirstAndEqualTimesInArrivalOrder) {
     ASSERT_EQ(kemail::DeleteOldFiles_AddList(&list, "b2", 20), 0);
     ASSERT_EQ(kemail::DeleteOldFiles_AddList(&list, "c2", 30), 0);
     std::string order;
-    for (const kemail::OldFile* node = list; node; node = node->next) order += std::string(node->path) + " ";
+    for (const kemail::OldFile* node = list; node; node = node->next)
+        order += std::string(node->path) + " ";
     EXPECT_EQ(order, "c c2 b b2 a ");
     kemail::DeleteOldFiles_FreeList(list);
 }

@@ -18,15 +18,16 @@ using kemail_test::read_file;
 using kemail_test::write_file;
 using log_test::exists;
 using log_test::list_dir;
-using log_test::matches;
 using log_test::log_dir;
+using log_test::matches;
 using log_test::set_mtime;
 using log_test::TraceConf;
 
 std::string current_log() { return log_dir() + "/kesmtp" + std::to_string(getpid()) + ".log"; }
 
 // Patterns for log_test::matches: '#' is any digit.
-const std::string kBanner = "####/##/## ##:##:## [" + std::to_string(getpid()) + "] NQ-Agent E-Mail\r\n";
+const std::string kBanner =
+    "####/##/## ##:##:## [" + std::to_string(getpid()) + "] NQ-Agent E-Mail\r\n";
 const std::string kEnd = "####/##/## ##:##:## END\r\n\r\n";
 const std::string kTime = "##:##:## ";
 
@@ -85,10 +86,10 @@ TEST_F(MailLog, LineEndsAreAddedUnlessTheTextEndsWithCrLf) {
     EXPECT_EQ(MailLogWrite(handle, 2, "lf\n"), 0);
     EXPECT_EQ(MailLogWrite(handle, 2, ""), 0);
     EXPECT_EQ(MailLogClose(handle), 0);
-    EXPECT_TRUE(matches(read_file(current_log()),
-                        session(kTime + "R: 250 done\r\n" + kTime + "R: \r\n" + kTime +
-                                "R: \n\r\n" + kTime + "R: bare cr\r\r\n" + kTime +
-                                "R: lf\n\r\n" + kTime + "R: \r\n")))
+    EXPECT_TRUE(
+        matches(read_file(current_log()),
+                session(kTime + "R: 250 done\r\n" + kTime + "R: \r\n" + kTime + "R: \n\r\n" +
+                        kTime + "R: bare cr\r\r\n" + kTime + "R: lf\n\r\n" + kTime + "R: \r\n")))
         << read_file(current_log());
 }
 
@@ -105,8 +106,8 @@ TEST_F(MailLog, SystemErrorsAndTimeOuts) {
     EXPECT_EQ(MailLogClose(handle), 0);
     EXPECT_TRUE(matches(read_file(current_log()),
                         session(kTime + "-: ERROR: func=send code=-1 detail=32\r\n" + kTime +
-                                "-: ERROR: func=connect code=-1 detail=111 127.0.0.1\r\n" +
-                                kTime + "-: ERROR: SMTP TIMEOUT (timer=300) recv\r\n" + kTime +
+                                "-: ERROR: func=connect code=-1 detail=111 127.0.0.1\r\n" + kTime +
+                                "-: ERROR: SMTP TIMEOUT (timer=300) recv\r\n" + kTime +
                                 "-: ERROR: POP TIMEOUT (timer=60)\r\n")))
         << read_file(current_log());
 }
@@ -144,7 +145,8 @@ TEST_F(MailLog, SmallFileIsAppendedToSessionAfterSession) {
     EXPECT_TRUE(matches(read_file(current_log()), session(kTime + "S: QUIT 0\r\n") +
                                                       session(kTime + "S: QUIT 1\r\n") +
                                                       session(kTime + "S: QUIT 2\r\n")));
-    EXPECT_EQ(list_dir(log_dir()), std::vector<std::string>{"kesmtp" + std::to_string(getpid()) + ".log"});
+    EXPECT_EQ(list_dir(log_dir()),
+              std::vector<std::string>{"kesmtp" + std::to_string(getpid()) + ".log"});
 }
 
 TEST_F(MailLog, LogNumZeroTurnsTheLogOff) {
@@ -159,12 +161,18 @@ TEST_F(MailLog, OutOfRangeValuesFallBackToTwenty) {
         uint32_t size;
         uint32_t num;
     } cases[] = {
-        {"[LOG]\nLOGNUM=3\n", 20, 20},       {"[LOG]\nLOGNUM=101\n", 20, 20},
-        {"[LOG]\nLOGNUM=4\n", 20, 20},       {"[LOG]\nLOGNUM=-5\n", 20, 20},
-        {"[LOG]\nLOGNUM=5\n", 20, 5},        {"[LOG]\nLOGNUM=100\n", 20, 100},
-        {"[LOG]\nLOGSIZE=9\n", 20, 20},      {"[LOG]\nLOGSIZE=10\n", 10, 20},
-        {"[LOG]\nLOGSIZE=100\n", 100, 20},   {"[LOG]\nLOGSIZE=101\n", 20, 20},
-        {"[LOG]\nLOGSIZE=-1\n", 20, 20},     {"[LOG]\nLOGSIZE=0\n", 20, 20},
+        {"[LOG]\nLOGNUM=3\n", 20, 20},
+        {"[LOG]\nLOGNUM=101\n", 20, 20},
+        {"[LOG]\nLOGNUM=4\n", 20, 20},
+        {"[LOG]\nLOGNUM=-5\n", 20, 20},
+        {"[LOG]\nLOGNUM=5\n", 20, 5},
+        {"[LOG]\nLOGNUM=100\n", 20, 100},
+        {"[LOG]\nLOGSIZE=9\n", 20, 20},
+        {"[LOG]\nLOGSIZE=10\n", 10, 20},
+        {"[LOG]\nLOGSIZE=100\n", 100, 20},
+        {"[LOG]\nLOGSIZE=101\n", 20, 20},
+        {"[LOG]\nLOGSIZE=-1\n", 20, 20},
+        {"[LOG]\nLOGSIZE=0\n", 20, 20},
         {"[OTHER]\nLOGSIZE=50\nLOGNUM=7\n", 20, 20},
         {"[LOG]\nLOGSIZE=50\nLOGNUM=7\n", 50, 7},
     };
@@ -203,7 +211,8 @@ TEST_F(MailLog, RotationShiftsEveryGenerationAndDropsTheOldest) {
     TraceConf conf("[LOG]\nLOGNUM=5\nLOGSIZE=10\n");
     const std::string path = current_log();
     write_file(path, "current" + std::string(10240, '.'));
-    for (int n = 1; n <= 4; ++n) write_file(path + std::to_string(n), "generation " + std::to_string(n));
+    for (int n = 1; n <= 4; ++n)
+        write_file(path + std::to_string(n), "generation " + std::to_string(n));
     MailLogHandle* handle = MailLogOpen(0);
     ASSERT_NE(handle, nullptr);
     EXPECT_EQ(MailLogClose(handle), 0);
@@ -245,7 +254,9 @@ TEST_F(MailLog, OldLogsOfAllProcessesCountTowardsLogNum) {
     ASSERT_NE(handle, nullptr);
     EXPECT_EQ(MailLogClose(handle), 0);
     // Appending: the current file and the four newest others stay.
-    std::vector<std::string> expected = {"kesmtp99903.log", "kesmtp99904.log", "kesmtp99905.log",
+    std::vector<std::string> expected = {"kesmtp99903.log",
+                                         "kesmtp99904.log",
+                                         "kesmtp99905.log",
                                          "kesmtp99906.log",
                                          "kesmtp" + std::to_string(getpid()) + ".log",
                                          "unrelated.log"};

@@ -157,7 +157,8 @@ TEST(TraceFileName, OverlongPrefixNeverOverrunsAndGivesNoName) {
     const std::string prefix(2000, 'p');
     MakeTraceFileName(buffer.name, 0, prefix.c_str(), 1);
     EXPECT_STREQ(buffer.name, "");
-    EXPECT_EQ(std::string(buffer.guard, sizeof buffer.guard), std::string(sizeof buffer.guard, '#'));
+    EXPECT_EQ(std::string(buffer.guard, sizeof buffer.guard),
+              std::string(sizeof buffer.guard, '#'));
 
     // The longest prefix that still fits gives a full name of 1024 bytes.
     const std::string base = expected_name("");

@@ -185,8 +185,8 @@ TEST(TraceOpen, StoredOffsetOutOfRangeIsResetToFour) {
     struct Case {
         uint32_t stored;
         uint32_t expected;
-    } cases[] = {{0, 4},       {3, 4},       {4, 4},          {5, 5},         {8191, 8191},
-                 {8192, 8192}, {8193, 4},    {100000, 4},     {0xFFFFFFFFu, 4}};
+    } cases[] = {{0, 4},       {3, 4},    {4, 4},      {5, 5},          {8191, 8191},
+                 {8192, 8192}, {8193, 4}, {100000, 4}, {0xFFFFFFFFu, 4}};
     for (const Case& c : cases) {
         write_ring(path, 8192, c.stored);
         TraceHandle* handle = Topen(path.c_str(), 5, 1);

@@ -137,11 +137,9 @@ TEST_F(TraceTool, PrintsRecordsWithTimeCodeAndData) {
     EXPECT_EQ(run.status, 0);
     ASSERT_EQ(run.lines.size(), 3u) << run.output;
     EXPECT_TRUE(stamped(run.lines[0], "SNDEMAIL0000")) << run.lines[0];
-    EXPECT_TRUE(stamped(run.lines[1],
-                        "smtp0121A 45 48 4c 4f 20 68 6f 73 74 0d 0a  |EHLO host..|"))
+    EXPECT_TRUE(stamped(run.lines[1], "smtp0121A 45 48 4c 4f 20 68 6f 73 74 0d 0a  |EHLO host..|"))
         << run.lines[1];
-    EXPECT_TRUE(stamped(run.lines[2], "EMAILAPI0010 20 00 00 00  | ...|"))
-        << run.lines[2];
+    EXPECT_TRUE(stamped(run.lines[2], "EMAILAPI0010 20 00 00 00  | ...|")) << run.lines[2];
 }
 
 TEST_F(TraceTool, TimeIsTheRecordsLocalTime) {
@@ -214,8 +212,7 @@ TEST_F(TraceTool, MarkersInsideDataDoNotEndTheRecord) {
     ASSERT_EQ(Tclose(handle), 0);
     const ToolRun run = run_tool(path_);
     ASSERT_EQ(run.lines.size(), 2u) << run.output;
-    EXPECT_TRUE(stamped(run.lines[0], "ONE" + data_columns("abEEEEcdSSSSef")))
-        << run.lines[0];
+    EXPECT_TRUE(stamped(run.lines[0], "ONE" + data_columns("abEEEEcdSSSSef"))) << run.lines[0];
     EXPECT_TRUE(stamped(run.lines[1], "TWO 58 58 58 58  |XXXX|")) << run.lines[1];
 }
 

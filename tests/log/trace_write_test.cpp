@@ -178,7 +178,8 @@ TEST(TraceWrite, RecordWrapsAtEveryBytePosition) {
         ASSERT_EQ(bytes.size(), kRing);
         SCOPED_TRACE("record starting " + std::to_string(k) + " bytes before the end");
         expect_record(ring_bytes(bytes, start, length), before, after, code, data);
-        const size_t expected_end = start + length < kRing ? start + length : 4 + start + length - kRing;
+        const size_t expected_end =
+            start + length < kRing ? start + length : 4 + start + length - kRing;
         EXPECT_EQ(word_at(bytes, 0), expected_end);
         // Nothing else in the file was touched.
         std::string untouched = bytes;

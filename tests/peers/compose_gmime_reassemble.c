@@ -29,8 +29,10 @@ int main(int argc, char** argv) {
             return 1;
         }
         partials[i] = GMIME_MESSAGE_PARTIAL(part);
-        printf("%s: number=%d total=%d id=%s\n", argv[i + 2], g_mime_message_partial_get_number(partials[i]),
-               g_mime_message_partial_get_total(partials[i]), g_mime_message_partial_get_id(partials[i]));
+        printf("%s: number=%d total=%d id=%s\n", argv[i + 2],
+               g_mime_message_partial_get_number(partials[i]),
+               g_mime_message_partial_get_total(partials[i]),
+               g_mime_message_partial_get_id(partials[i]));
     }
     GMimeMessage* whole = g_mime_message_partial_reconstruct_message(partials, (size_t)count);
     if (whole == NULL) {
@@ -43,7 +45,8 @@ int main(int argc, char** argv) {
         fprintf(stderr, "%s: %s\n", argv[1], error->message);
         return 1;
     }
-    if (g_mime_object_write_to_stream(GMIME_OBJECT(whole), NULL, out) < 0 || g_mime_stream_flush(out) != 0) {
+    if (g_mime_object_write_to_stream(GMIME_OBJECT(whole), NULL, out) < 0 ||
+        g_mime_stream_flush(out) != 0) {
         fprintf(stderr, "cannot write %s\n", argv[1]);
         return 1;
     }

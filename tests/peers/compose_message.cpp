@@ -51,13 +51,21 @@ bool parse(int argc, char** argv, int first, Options& o) {
         const std::string a = argv[i];
         if (i + 1 >= argc) return false;
         const std::string v = argv[++i];
-        if (a == "--from") o.from = v;
-        else if (a == "--to") o.to = v;
-        else if (a == "--subject-file") { o.subject = slurp(v); o.has_subject = true; }
-        else if (a == "--body") o.body = v;
-        else if (a == "--attach") o.attachments.push_back(v);
-        else if (a == "--content-d") Content_D_flg = std::atoi(v.c_str());
-        else return false;
+        if (a == "--from")
+            o.from = v;
+        else if (a == "--to")
+            o.to = v;
+        else if (a == "--subject-file") {
+            o.subject = slurp(v);
+            o.has_subject = true;
+        } else if (a == "--body")
+            o.body = v;
+        else if (a == "--attach")
+            o.attachments.push_back(v);
+        else if (a == "--content-d")
+            Content_D_flg = std::atoi(v.c_str());
+        else
+            return false;
     }
     return true;
 }
@@ -70,10 +78,12 @@ int compose(const std::string& out, const Options& o, int partial, char* boundar
     }
     unsigned int err = 0;
     const int multipart = o.attachments.empty() ? 0 : 1;
-    int r = SMTP_makeTopData(fd, o.body.empty() ? nullptr : o.body.c_str(), o.from.c_str(), o.to.c_str(),
-                             o.has_subject ? o.subject.c_str() : nullptr, boundary, multipart, partial, &err);
+    int r = SMTP_makeTopData(fd, o.body.empty() ? nullptr : o.body.c_str(), o.from.c_str(),
+                             o.to.c_str(), o.has_subject ? o.subject.c_str() : nullptr, boundary,
+                             multipart, partial, &err);
     for (size_t i = 0; r == 0 && i < o.attachments.size(); ++i) {
-        r = SMTP_makeAppendData(fd, o.attachments[i].c_str(), boundary, i + 1 < o.attachments.size(), &err);
+        r = SMTP_makeAppendData(fd, o.attachments[i].c_str(), boundary,
+                                i + 1 < o.attachments.size(), &err);
     }
     if (r != 0) {
         std::fprintf(stderr, "composition failed: %d (errno %u)\n", r, err);
@@ -125,14 +135,15 @@ int pieces(const std::string& dir, int size_kb, const Options& o) {
         const int sock = connect_to(server.port());
         if (sock < 0) return 4;
         const int r = SMTP_sendData_Partial(sock, buffer.data(), n, o.from.c_str(), o.to.c_str(),
-                                            o.has_subject ? o.subject.c_str() : nullptr, number, total, id,
-                                            &err);
+                                            o.has_subject ? o.subject.c_str() : nullptr, number,
+                                            total, id, &err);
         close(sock);
         if (r != 0 || !server.wait_done() || server.failed()) {
             std::fprintf(stderr, "piece %d: result %d\n", number, r);
             return 5;
         }
-        std::ofstream(dir + "/piece-" + std::to_string(number) + ".eml", std::ios::binary) << server.received();
+        std::ofstream(dir + "/piece-" + std::to_string(number) + ".eml", std::ios::binary)
+            << server.received();
     }
     close(fd);
     std::printf("%d\n", total);
@@ -153,6 +164,7 @@ int main(int argc, char** argv) {
     if (argc >= 4 && std::strcmp(argv[1], "pieces") == 0 && parse(argc, argv, 4, o)) {
         return pieces(argv[2], std::atoi(argv[3]), o);
     }
-    std::fprintf(stderr, "usage: %s compose OUT [options] | pieces DIR SIZE_KB [options]\n", argv[0]);
+    std::fprintf(stderr, "usage: %s compose OUT [options] | pieces DIR SIZE_KB [options]\n",
+                 argv[0]);
     return 64;
 }

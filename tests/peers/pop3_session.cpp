@@ -43,15 +43,23 @@ bool parse(int argc, char** argv, Options& o) {
         }
         if (i + 1 >= argc) return false;
         const char* v = argv[++i];
-        if (a == "--host") o.host = v;
-        else if (a == "--port") o.port = static_cast<unsigned int>(std::strtoul(v, nullptr, 10));
-        else if (a == "--user") o.user = v;
-        else if (a == "--password") o.password = v;
-        else if (a == "--timeout") o.timeout = static_cast<unsigned int>(std::strtoul(v, nullptr, 10));
-        else if (a == "--trace") o.trace = v;
-        else return false;
+        if (a == "--host")
+            o.host = v;
+        else if (a == "--port")
+            o.port = static_cast<unsigned int>(std::strtoul(v, nullptr, 10));
+        else if (a == "--user")
+            o.user = v;
+        else if (a == "--password")
+            o.password = v;
+        else if (a == "--timeout")
+            o.timeout = static_cast<unsigned int>(std::strtoul(v, nullptr, 10));
+        else if (a == "--trace")
+            o.trace = v;
+        else
+            return false;
     }
-    return !o.user.empty() && o.user.size() <= KEMAIL_MAX_USER && o.password.size() <= KEMAIL_MAX_PASSWORD;
+    return !o.user.empty() && o.user.size() <= KEMAIL_MAX_USER &&
+           o.password.size() <= KEMAIL_MAX_PASSWORD;
 }
 
 void report(const char* step, int result, int err, const char* reply) {
@@ -64,10 +72,11 @@ void report(const char* step, int result, int err, const char* reply) {
 int main(int argc, char** argv) {
     Options o;
     if (!parse(argc, argv, o)) {
-        std::fprintf(stderr,
-                     "usage: %s --host H --port P --user U --password PW [--timeout S] [--trace FILE] "
-                     "[--maillog]\n",
-                     argv[0]);
+        std::fprintf(
+            stderr,
+            "usage: %s --host H --port P --user U --password PW [--timeout S] [--trace FILE] "
+            "[--maillog]\n",
+            argv[0]);
         return 2;
     }
     TraceHandle* trace = nullptr;

@@ -53,17 +53,29 @@ bool parse(int argc, char** argv, Options& o) {
         }
         if (i + 1 >= argc) return false;
         const char* v = argv[++i];
-        if (a == "--host") o.host = v;
-        else if (a == "--port") o.port = static_cast<unsigned int>(std::strtoul(v, nullptr, 10));
-        else if (a == "--from") o.from = v;
-        else if (a == "--to") o.to = v;
-        else if (a == "--file") o.file = v;
-        else if (a == "--mech") { o.auth = true; o.mechanisms = static_cast<unsigned int>(std::strtoul(v, nullptr, 0)); }
-        else if (a == "--user") o.user = v;
-        else if (a == "--password") o.password = v;
-        else if (a == "--timeout") o.timeout = static_cast<unsigned int>(std::strtoul(v, nullptr, 10));
-        else if (a == "--trace") o.trace = v;
-        else return false;
+        if (a == "--host")
+            o.host = v;
+        else if (a == "--port")
+            o.port = static_cast<unsigned int>(std::strtoul(v, nullptr, 10));
+        else if (a == "--from")
+            o.from = v;
+        else if (a == "--to")
+            o.to = v;
+        else if (a == "--file")
+            o.file = v;
+        else if (a == "--mech") {
+            o.auth = true;
+            o.mechanisms = static_cast<unsigned int>(std::strtoul(v, nullptr, 0));
+        } else if (a == "--user")
+            o.user = v;
+        else if (a == "--password")
+            o.password = v;
+        else if (a == "--timeout")
+            o.timeout = static_cast<unsigned int>(std::strtoul(v, nullptr, 10));
+        else if (a == "--trace")
+            o.trace = v;
+        else
+            return false;
     }
     return !o.to.empty() && !o.file.empty() && o.user.size() <= KEMAIL_MAX_USER &&
            o.password.size() <= KEMAIL_MAX_PASSWORD;
@@ -119,10 +131,11 @@ bool converse(int sock, const Options& o, int message_fd) {
 int main(int argc, char** argv) {
     Options o;
     if (!parse(argc, argv, o)) {
-        std::fprintf(stderr,
-                     "usage: %s --host H --port P --from ADDR --to LIST --file MSG "
-                     "[--mech MASK --user U --password PW] [--timeout S] [--maillog] [--trace FILE]\n",
-                     argv[0]);
+        std::fprintf(
+            stderr,
+            "usage: %s --host H --port P --from ADDR --to LIST --file MSG "
+            "[--mech MASK --user U --password PW] [--timeout S] [--maillog] [--trace FILE]\n",
+            argv[0]);
         return 2;
     }
     const int message_fd = open(o.file.c_str(), O_RDONLY | O_CLOEXEC);

@@ -72,8 +72,8 @@ TEST(NetReadLine, TakesTheLineUpToItsCrLfAndLeavesWhatFollows) {
     pair.peer_send("ab\ncd\r\nnext");
     RecordingWait wait(5);
     char buf[64] = {};
-    const net::LineRead read = net::read_line(pair.ours(), buf, sizeof buf, net::LineEnd::CrLf,
-                                              wait);
+    const net::LineRead read =
+        net::read_line(pair.ours(), buf, sizeof buf, net::LineEnd::CrLf, wait);
     EXPECT_EQ(read.status, net::LineStatus::Done);
     EXPECT_EQ(std::string(buf, read.count), "ab\ncd\r\n");
     EXPECT_EQ(pair.left(), "next");
@@ -120,8 +120,8 @@ TEST(NetReadLine, SilenceEndsAfterTheComputedWait) {
     Pair pair;
     RecordingWait wait(0);
     char buf[64] = {};
-    const net::LineRead read = net::read_line(pair.ours(), buf, sizeof buf, net::LineEnd::CrLf,
-                                              wait);
+    const net::LineRead read =
+        net::read_line(pair.ours(), buf, sizeof buf, net::LineEnd::CrLf, wait);
     EXPECT_EQ(read.status, net::LineStatus::TimedOut);
     EXPECT_EQ(read.count, 0u);
     EXPECT_EQ(wait.computed, 1);
@@ -157,8 +157,8 @@ sockaddr_in loopback(uint16_t port) {
 TEST(NetConnect, ARefusalIsRetriedTheGivenNumberOfTimes) {
     RefusedPort refused;
     TraceCapture trace("net_refused");
-    const net::Connection connection = net::connect_ipv4(loopback(refused.port()), kCodes,
-                                                         trace.handle());
+    const net::Connection connection =
+        net::connect_ipv4(loopback(refused.port()), kCodes, trace.handle());
     EXPECT_EQ(connection.sock, -1);
     EXPECT_EQ(connection.failed, net::Failed::Connect);
     EXPECT_EQ(connection.result, -1);
@@ -173,8 +173,8 @@ TEST(NetConnect, ARefusalIsRetriedTheGivenNumberOfTimes) {
 TEST(NetConnect, ConnectsToAListeningPeer) {
     ScriptServer server(Script().send("hello\n"));
     TraceCapture trace("net_connected");
-    const net::Connection connection = net::connect_ipv4(loopback(server.port()), kCodes,
-                                                         trace.handle());
+    const net::Connection connection =
+        net::connect_ipv4(loopback(server.port()), kCodes, trace.handle());
     ASSERT_GE(connection.sock, 0);
     EXPECT_EQ(connection.failed, net::Failed::Nothing);
     ASSERT_TRUE(server.wait_done());

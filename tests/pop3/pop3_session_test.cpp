@@ -72,7 +72,8 @@ Script good_login() {
 }
 
 TEST_F(Pop3Session, AFullSessionSendsExactlyTheFourCommands) {
-    ScriptServer server(good_login().read_line().send("+OK 2 320\r\n").read_line().send("+OK bye\r\n"));
+    ScriptServer server(
+        good_login().read_line().send("+OK 2 320\r\n").read_line().send("+OK bye\r\n"));
     connect(server);
     EXPECT_EQ(Pop3_Login(sock_, "u", "p", reply_, &err_, nullptr), 0);
     EXPECT_STREQ(reply_, "");
@@ -124,11 +125,11 @@ TEST_F(Pop3Session, ARefusedPasswordGivesMinus4AndTheFullLine) {
     ASSERT_TRUE(server.wait_done());
     EXPECT_EQ(server.received(), "USER u\r\nPASS secret\r\n");
     const auto codes = trace.codes();
-    EXPECT_TRUE(in_order(codes, {"Pop3_0000", "getpop0000", "getpop0010", "Pop3_0100", "Pop3_0200",
-                                 "Pop3_0210", "Pop3_0230", "Pop3_0240", "Pop3_03ff",
-                                 "Pop3_0400", "Pop3_0a00", "Pop3_0c00", "PGTSTO0000", "PGTSTOFFFF",
-                                 "Pop3_0cff", "Pop3_0a20", "Pop3_0aff", "Pop3_0500", "Pop3_0b00",
-                                 "Pop3_0bff", "Pop3_0600", "Pop3_0a30", "Pop3_0630"}));
+    EXPECT_TRUE(in_order(
+        codes, {"Pop3_0000",  "getpop0000", "getpop0010", "Pop3_0100", "Pop3_0200", "Pop3_0210",
+                "Pop3_0230",  "Pop3_0240",  "Pop3_03ff",  "Pop3_0400", "Pop3_0a00", "Pop3_0c00",
+                "PGTSTO0000", "PGTSTOFFFF", "Pop3_0cff",  "Pop3_0a20", "Pop3_0aff", "Pop3_0500",
+                "Pop3_0b00",  "Pop3_0bff",  "Pop3_0600",  "Pop3_0a30", "Pop3_0630"}));
     EXPECT_EQ(count_of(codes, "Pop3_07ff"), 0);
 }
 
@@ -179,8 +180,8 @@ TEST_F(Pop3Session, ASilentServerTimesOutWithMinus17) {
     EXPECT_EQ(err_, 0);
     EXPECT_STREQ(reply_, "");
     const auto codes = trace.codes();
-    EXPECT_TRUE(in_order(codes, {"Pop3_0400", "Pop3_0a00", "Pop3_0c00", "Pop3_0c50", "Pop3_0a10",
-                                 "Pop3_0410"}));
+    EXPECT_TRUE(in_order(
+        codes, {"Pop3_0400", "Pop3_0a00", "Pop3_0c00", "Pop3_0c50", "Pop3_0a10", "Pop3_0410"}));
 }
 
 TEST_F(Pop3Session, ATimeOutOfZeroTimesOutAtOnce) {
@@ -309,7 +310,8 @@ TEST_F(Pop3Session, ThePassCommandIsTracedInClear) {
 TEST_F(Pop3Session, TheMailLogShowsCommandsAndRepliesButNotThePassword) {
     g_pLogHandle = MailLogOpen(0);
     ASSERT_NE(g_pLogHandle, nullptr);
-    ScriptServer server(good_login().read_line().send("+OK 1 10\r\n").read_line().send("+OK bye\r\n"));
+    ScriptServer server(
+        good_login().read_line().send("+OK 1 10\r\n").read_line().send("+OK bye\r\n"));
     connect(server);
     EXPECT_EQ(Pop3_Login(sock_, "loguser", "Sesame-42", reply_, &err_, nullptr), 0);
     EXPECT_EQ(Pop3_STAT(sock_, reply_, &err_, nullptr), 0);
@@ -370,8 +372,9 @@ TEST(Pop3Connect, AnUnresolvableNameGivesMinus11) {
     g_pLogHandle = nullptr;
     EXPECT_NE(err, 0);
     const std::string log = kemail_test::read_file(pop3_test::mail_log_path());
-    EXPECT_NE(log.find(" -: ERROR: func=gethostbyname_r code=0 detail=" + std::to_string(err) + "\r\n"),
-              std::string::npos)
+    EXPECT_NE(
+        log.find(" -: ERROR: func=gethostbyname_r code=0 detail=" + std::to_string(err) + "\r\n"),
+        std::string::npos)
         << log;
     const auto codes = trace.codes();
     EXPECT_TRUE(in_order(codes, {"Pop3_0000", "getpop0000", "getpop0030", "Pop3_0020"}));

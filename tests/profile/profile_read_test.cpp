@@ -190,7 +190,8 @@ TEST_F(ProfileRead, BufferOfSizeZeroIsNotTouched) {
 TEST_F(ProfileRead, DefaultIsCopiedAndCutLikeAValue) {
     ProfileHandle* profile = open("[S]\nk=v\n");
     char out[4];
-    EXPECT_EQ(Com_GetPrivateProfileString(profile, "S", "missing", "defaulted", out, sizeof out), 3);
+    EXPECT_EQ(Com_GetPrivateProfileString(profile, "S", "missing", "defaulted", out, sizeof out),
+              3);
     EXPECT_STREQ(out, "def");
     EXPECT_EQ(Com_GetPrivateProfileString(profile, "Missing", "k", "dd", out, sizeof out), 2);
     EXPECT_STREQ(out, "dd");

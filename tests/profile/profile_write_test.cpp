@@ -270,7 +270,8 @@ TEST_F(ProfileWrite, ShortWriteAtCloseIsCompleted) {
         while ((got = read(fd, chunk, sizeof chunk)) > 0) received.append(chunk, size_t(got));
         ::close(fd);
     });
-    std::thread interrupter = util_test::InterruptingSignal::interrupt_then(pthread_self(), 2, [] {});
+    std::thread interrupter =
+        util_test::InterruptingSignal::interrupt_then(pthread_self(), 2, [] {});
     EXPECT_EQ(Com_ClosePrivateProfile(profile, fifo.c_str()), 0);
     interrupter.join();
     reader.join();
@@ -282,7 +283,8 @@ TEST_F(ProfileWrite, ShortWriteAtCloseIsCompleted) {
 TEST_F(ProfileWrite, WriteFailingHalfWayLeavesAPartlyWrittenFile) {
     // A file size limit stops the rewrite in its second line.
     ProfileHandle* profile = open("[S]\nk=v\n");
-    ASSERT_EQ(Com_WritePrivateProfileString(profile, "S", "long", std::string(100, 'x').c_str()), 1);
+    ASSERT_EQ(Com_WritePrivateProfileString(profile, "S", "long", std::string(100, 'x').c_str()),
+              1);
     const std::string target = path();
     const int code = util_test::exit_code_with_file_size_limit(10, [&] {
         int error = 0;

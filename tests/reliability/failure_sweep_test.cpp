@@ -62,30 +62,25 @@ const Injector& injector() {
     return fi;
 }
 
-const char* const kCallNames[FI_CALL_COUNT] = {
-    "send", "recv", "select", "read", "write", "open", "lseek", "stat",
-    "unlink", "mmap", "malloc", "socket", "connect", "close", "time"};
-const char* const kModeNames[FI_MODE_COUNT] = {"errno", "EINTR", "short", "ENOSPC", "clock-back",
-                                               "clock-forward"};
+const char* const kCallNames[FI_CALL_COUNT] = {"send",   "recv",   "select",  "read",   "write",
+                                               "open",   "lseek",  "stat",    "unlink", "mmap",
+                                               "malloc", "socket", "connect", "close",  "time"};
+const char* const kModeNames[FI_MODE_COUNT] = {"errno",  "EINTR",      "short",
+                                               "ENOSPC", "clock-back", "clock-forward"};
 
 // The ways each kind of call is failed.
 std::vector<int> modes_of(int call) {
     switch (call) {
         case FI_SEND:
-        case FI_RECV:
-            return {FI_ERRNO, FI_EINTR, FI_SHORT};
-        case FI_WRITE:
-            return {FI_ERRNO, FI_EINTR, FI_SHORT, FI_ENOSPC};
+        case FI_RECV: return {FI_ERRNO, FI_EINTR, FI_SHORT};
+        case FI_WRITE: return {FI_ERRNO, FI_EINTR, FI_SHORT, FI_ENOSPC};
         case FI_SELECT:
         case FI_READ:
         case FI_OPEN:
         case FI_CONNECT:
-        case FI_CLOSE:
-            return {FI_ERRNO, FI_EINTR};
-        case FI_TIME:
-            return {FI_CLOCK_BACK, FI_CLOCK_FORWARD};
-        default:
-            return {FI_ERRNO};
+        case FI_CLOSE: return {FI_ERRNO, FI_EINTR};
+        case FI_TIME: return {FI_CLOCK_BACK, FI_CLOCK_FORWARD};
+        default: return {FI_ERRNO};
     }
 }
 
@@ -104,15 +99,16 @@ const Scenario kSplit{"split", 1, 10, 30 * 1024};
 // The attachments a scenario's request names, made once per test program.
 struct Files {
     kemail_test::TempDir dir;
-    std::string keep = dir.file("keep.bin");    // kind 3
-    std::string drop = dir.file("drop.bin");    // kind 4: made anew for every run
+    std::string keep = dir.file("keep.bin");  // kind 3
+    std::string drop = dir.file("drop.bin");  // kind 4: made anew for every run
     std::string drop_bytes = pattern_bytes(2000, 2);
 };
 
 Request make_request(const Scenario& s, const Files& files) {
     Request r;
     // Shift_JIS text, a line that needs dot-stuffing, a last line without LF.
-    r.text = std::string("Failure sweep\n\x82\xb1\x82\xf1\x82\xc9\x82\xbf\x82\xcd\r\n.dot line\nlast");
+    r.text =
+        std::string("Failure sweep\n\x82\xb1\x82\xf1\x82\xc9\x82\xbf\x82\xcd\r\n.dot line\nlast");
     r.attachments = {{KEMAIL_CONTENT_ATTACHMENT, files.keep},
                      {KEMAIL_CONTENT_ATTACHMENT_DELETE, files.drop}};
     r.split = s.split;
@@ -252,10 +248,10 @@ std::string join(const std::set<int>& values) {
 
 // The checks of one injected run, made in the child.
 std::string judge(int call, int mode, const Request& request, int result, const std::string& target,
-                  bool fired, const std::vector<std::string>& accepted, const std::string& last_reply,
-                  size_t fds_before, size_t fds_after, const std::vector<std::string>& left,
-                  bool drop_exists, const std::string& log, bool traced, const Baseline& base,
-                  const Files& files) {
+                  bool fired, const std::vector<std::string>& accepted,
+                  const std::string& last_reply, size_t fds_before, size_t fds_after,
+                  const std::vector<std::string>& left, bool drop_exists, const std::string& log,
+                  bool traced, const Baseline& base, const Files& files) {
     std::ostringstream bad;
     const char* message = request.message;
     if (std::memchr(message, '\0', KEMAIL_MESSAGE_SIZE) == nullptr) {
@@ -281,7 +277,8 @@ std::string judge(int call, int mode, const Request& request, int result, const 
             const int expected_errno = mode == FI_ENOSPC ? ENOSPC : injector().errno_of(call);
             const bool step_call = (result == KEMAIL_E_WORK_FILE && kind != Target::Socket) ||
                                    (result != KEMAIL_E_WORK_FILE && kind == Target::Socket);
-            if (fired && mode != FI_CLOCK_FORWARD && step_call && std::atoi(message) != expected_errno)
+            if (fired && mode != FI_CLOCK_FORWARD && step_call &&
+                std::atoi(message) != expected_errno)
                 bad << "detail " << message << ", the failed call's error was " << expected_errno
                     << "; ";
             break;
@@ -303,8 +300,7 @@ std::string judge(int call, int mode, const Request& request, int result, const 
     }
 
     // Nothing lost, nothing failed: the mail log holds the same lines.
-    if ((mode == FI_EINTR || mode == FI_SHORT || mode == FI_CLOCK_BACK) && log != base.log)
-    {
+    if ((mode == FI_EINTR || mode == FI_SHORT || mode == FI_CLOCK_BACK) && log != base.log) {
         size_t at = 0;
         while (at < log.size() && at < base.log.size() && log[at] == base.log[at]) ++at;
         bad << "mail log differs from an undisturbed send's at byte " << at << ": \""
@@ -371,9 +367,9 @@ void write_outcome(int fd, const Outcome& o) {
     const std::string log = masked_mail_log();
     const bool traced = trace_closed();
     std::memcpy(o.message, request.message, sizeof o.message);
-    const std::string verdict = judge(call, mode, request, o.result, o.target, o.fired != 0, accepted,
-                                      last_reply, fds_before, fds_after, left, drop_exists, log,
-                                      traced, base, files);
+    const std::string verdict =
+        judge(call, mode, request, o.result, o.target, o.fired != 0, accepted, last_reply,
+              fds_before, fds_after, left, drop_exists, log, traced, base, files);
     std::snprintf(o.verdict, sizeof o.verdict, "%s", verdict.c_str());
     for (const std::string& path : left) ::unlink(path.c_str());
     write_outcome(out_fd, o);
@@ -596,8 +592,9 @@ TEST_P(FailureSweep, EveryFailedCallEndsAsDesigned) {
             const Outcome o = run_injected(s, files, base, param.call, n, mode);
             ++runs;
             const std::string key = std::string(kModeNames[mode]) + " -> " +
-                                    (o.ended ? std::string(o.ended == 2 ? "hang" : "crash")
-                                             : o.fired ? std::to_string(o.result) : "not reached");
+                                    (o.ended   ? std::string(o.ended == 2 ? "hang" : "crash")
+                                     : o.fired ? std::to_string(o.result)
+                                               : "not reached");
             ++tally[key];
             if (std::getenv("KEMAIL_SWEEP_VERBOSE"))
                 std::printf("[ inject   ] %s %s #%ld %s on %s: %d \"%s\"\n", s.name,

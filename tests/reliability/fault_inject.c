@@ -173,7 +173,8 @@ void fi_arm(int call, long n, int mode) {
 void fi_disarm(void) { __atomic_store_n(&armed_call, -1, __ATOMIC_RELEASE); }
 
 long fi_count(int call) {
-    return call >= 0 && call < FI_CALL_COUNT ? __atomic_load_n(&counts[call], __ATOMIC_ACQUIRE) : -1;
+    return call >= 0 && call < FI_CALL_COUNT ? __atomic_load_n(&counts[call], __ATOMIC_ACQUIRE)
+                                             : -1;
 }
 
 int fi_fired(char* target, size_t size) {
@@ -411,7 +412,8 @@ __attribute__((noinline)) int unlink(const char* path) {
     return real_unlink(path);
 }
 
-__attribute__((noinline)) void* mmap(void* addr, size_t len, int prot, int flags, int fd, off_t off) {
+__attribute__((noinline)) void* mmap(void* addr, size_t len, int prot, int flags, int fd,
+                                     off_t off) {
     const int mode = decide(FI_MMAP, CALLER);
     if (mode != PASS) {
         note_target_fd(fd);
@@ -420,7 +422,8 @@ __attribute__((noinline)) void* mmap(void* addr, size_t len, int prot, int flags
     return real_mmap(addr, len, prot, flags, fd, off);
 }
 
-__attribute__((noinline)) void* mmap64(void* addr, size_t len, int prot, int flags, int fd, off_t off) {
+__attribute__((noinline)) void* mmap64(void* addr, size_t len, int prot, int flags, int fd,
+                                       off_t off) {
     const int mode = decide(FI_MMAP, CALLER);
     if (mode != PASS) {
         note_target_fd(fd);

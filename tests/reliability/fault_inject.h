@@ -24,34 +24,34 @@ extern "C" {
 
 /* The call kinds counted. Several functions share a kind. */
 enum fi_call {
-    FI_SEND,     /* send */
-    FI_RECV,     /* recv */
-    FI_SELECT,   /* select */
-    FI_READ,     /* read */
-    FI_WRITE,    /* write, writev */
-    FI_OPEN,     /* open, open64, openat, openat64 */
-    FI_LSEEK,    /* lseek, lseek64 */
-    FI_STAT,     /* stat, fstat, lstat */
-    FI_UNLINK,   /* unlink */
-    FI_MMAP,     /* mmap, mmap64 */
-    FI_MALLOC,   /* malloc, calloc, realloc */
-    FI_SOCKET,   /* socket */
-    FI_CONNECT,  /* connect */
-    FI_CLOSE,    /* close */
-    FI_TIME,     /* time */
+    FI_SEND,    /* send */
+    FI_RECV,    /* recv */
+    FI_SELECT,  /* select */
+    FI_READ,    /* read */
+    FI_WRITE,   /* write, writev */
+    FI_OPEN,    /* open, open64, openat, openat64 */
+    FI_LSEEK,   /* lseek, lseek64 */
+    FI_STAT,    /* stat, fstat, lstat */
+    FI_UNLINK,  /* unlink */
+    FI_MMAP,    /* mmap, mmap64 */
+    FI_MALLOC,  /* malloc, calloc, realloc */
+    FI_SOCKET,  /* socket */
+    FI_CONNECT, /* connect */
+    FI_CLOSE,   /* close */
+    FI_TIME,    /* time */
     FI_CALL_COUNT
 };
 
 /* What happens to the armed call. */
 enum fi_mode {
-    FI_ERRNO,          /* fails with the call kind's usual error number */
-    FI_EINTR,          /* interrupted before it did anything (close and
-                          connect: after, as Linux does) */
-    FI_SHORT,          /* send, recv, write: half the bytes (at least one) */
-    FI_ENOSPC,         /* write: the disk is full */
-    FI_CLOCK_BACK,     /* time: from this call on the clock reads an hour back */
-    FI_CLOCK_FORWARD,  /* time: from this call on the clock reads 4000 s ahead,
-                          past every phase time-out */
+    FI_ERRNO,         /* fails with the call kind's usual error number */
+    FI_EINTR,         /* interrupted before it did anything (close and
+                         connect: after, as Linux does) */
+    FI_SHORT,         /* send, recv, write: half the bytes (at least one) */
+    FI_ENOSPC,        /* write: the disk is full */
+    FI_CLOCK_BACK,    /* time: from this call on the clock reads an hour back */
+    FI_CLOCK_FORWARD, /* time: from this call on the clock reads 4000 s ahead,
+                         past every phase time-out */
     FI_MODE_COUNT
 };
 

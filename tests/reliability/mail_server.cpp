@@ -64,7 +64,8 @@ constexpr char kEndMark[] = "\r\n.\r\n";
 std::string mask_mail(std::string data) {
     data = mask_after(std::move(data), "Date: ", "\r\n", "<date>");
     data = mask_after(std::move(data), "Message-Id: <", ">\r\n", "<id>");
-    for (size_t at = data.find("ZvLunt"); at != std::string::npos; at = data.find("ZvLunt", at + 6)) {
+    for (size_t at = data.find("ZvLunt"); at != std::string::npos;
+         at = data.find("ZvLunt", at + 6)) {
         const std::string digits = data.substr(at + 6, 10);
         if (digits.size() == 10 && digits.find_first_not_of("0123456789") == std::string::npos)
             data.replace(at + 6, 10, "<time>");
@@ -92,7 +93,8 @@ MailServer::MailServer() {
     if (::bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) die("bind");
     if (::listen(listen_fd_, 64) != 0) die("listen");
     socklen_t len = sizeof addr;
-    if (::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len) != 0) die("getsockname");
+    if (::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
+        die("getsockname");
     port_ = ntohs(addr.sin_port);
     if (::pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0) die("pipe2");
     thread_ = std::thread(&MailServer::run, this);
@@ -150,16 +152,14 @@ bool MailServer::reply(Conn& c, const std::string& text) {
             case Fault::Refuse:
                 answer = "554 5.7.1 refused at command " + std::to_string(c.commands) + "\r\n";
                 break;
-            case Fault::Drop:
-                return false;
+            case Fault::Drop: return false;
             case Fault::Delay:
                 std::this_thread::sleep_for(std::chrono::milliseconds(fault.delay_ms));
                 break;
             case Fault::Cut:
                 send_all(c.fd, answer.data(), answer.size() > 2 ? 2 : answer.size());
                 return false;
-            case Fault::None:
-                break;
+            case Fault::None: break;
         }
     }
     {

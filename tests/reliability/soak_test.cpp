@@ -104,8 +104,8 @@ int expected_result(const Fault& f, int pieces) {
 // the reset connection.
 bool also_allowed(const Fault& f, int pieces, int result) {
     const int quit = 1 + 5 * pieces + 1;
-    return pieces > 1 && (f.kind == Fault::Drop || f.kind == Fault::Cut) &&
-           f.command == quit - 1 && result == KEMAIL_OK;
+    return pieces > 1 && (f.kind == Fault::Drop || f.kind == Fault::Cut) && f.command == quit - 1 &&
+           result == KEMAIL_OK;
 }
 
 TEST(Soak, ManySendsAgainstAMisbehavingServer) {
@@ -134,7 +134,7 @@ TEST(Soak, ManySendsAgainstAMisbehavingServer) {
         const int commands = 1 + (pieces > 1 ? 5 : 4) * pieces + 1;
         Fault fault;
         const unsigned roll = random() % 100;
-        fault.kind = roll < 40 ? Fault::None
+        fault.kind = roll < 40   ? Fault::None
                      : roll < 55 ? Fault::Refuse
                      : roll < 70 ? Fault::Drop
                      : roll < 85 ? Fault::Delay
@@ -151,14 +151,18 @@ TEST(Soak, ManySendsAgainstAMisbehavingServer) {
         const int want = fault.command == 0 && fault.kind == Fault::Refuse
                              ? KEMAIL_E_REFUSED
                              : expected_result(fault, pieces);
-        if (result != want && !also_allowed(fault, pieces, result)) bad += "result " + std::to_string(result) + ", " + std::to_string(want) + " due; ";
+        if (result != want && !also_allowed(fault, pieces, result))
+            bad += "result " + std::to_string(result) + ", " + std::to_string(want) + " due; ";
         if (std::memchr(request.message, '\0', sizeof request.message) == nullptr) {
             bad += "message not terminated; ";
         } else if (result == KEMAIL_E_REFUSED) {
-            const std::string refusal = "554 5.7.1 refused at command " + std::to_string(fault.command) + "\r\n";
-            if (request.message != refusal) bad += std::string("detail \"") + request.message + "\"; ";
+            const std::string refusal =
+                "554 5.7.1 refused at command " + std::to_string(fault.command) + "\r\n";
+            if (request.message != refusal)
+                bad += std::string("detail \"") + request.message + "\"; ";
         } else if (result == KEMAIL_E_SOCKET) {
-            if (!all_digits(request.message)) bad += std::string("detail \"") + request.message + "\"; ";
+            if (!all_digits(request.message))
+                bad += std::string("detail \"") + request.message + "\"; ";
         } else if (request.message[0] != '\0') {
             bad += std::string("detail \"") + request.message + "\" where none is due; ";
         }
@@ -169,8 +173,8 @@ TEST(Soak, ManySendsAgainstAMisbehavingServer) {
         if (!leftovers().empty()) bad += "left behind: " + leftovers()[0] + "; ";
         if (!bad.empty()) {
             ++failures;
-            ADD_FAILURE() << "send " << i << (is_split ? " (split)" : "") << ", fault " << fault.kind
-                          << " at command " << fault.command << ": " << bad;
+            ADD_FAILURE() << "send " << i << (is_split ? " (split)" : "") << ", fault "
+                          << fault.kind << " at command " << fault.command << ": " << bad;
         }
         if (i + 1 == warm_up) {
             rss_warm = status_kib("VmRSS");
@@ -183,9 +187,10 @@ TEST(Soak, ManySendsAgainstAMisbehavingServer) {
     const long rss_end = status_kib("VmRSS");
     const long hwm_end = status_kib("VmHWM");
     const size_t fds_end = open_descriptors();
-    std::printf("[ soak     ] %ld sends, seed %u: descriptors %zu at start, %zu at end; "
-                "VmRSS %ld KiB after %ld sends, %ld KiB at end; VmHWM %ld KiB, %ld KiB\n",
-                sends, seed, fds_start, fds_end, rss_warm, warm_up, rss_end, hwm_warm, hwm_end);
+    std::printf(
+        "[ soak     ] %ld sends, seed %u: descriptors %zu at start, %zu at end; "
+        "VmRSS %ld KiB after %ld sends, %ld KiB at end; VmHWM %ld KiB, %ld KiB\n",
+        sends, seed, fds_start, fds_end, rss_warm, warm_up, rss_end, hwm_warm, hwm_end);
     std::printf("[ soak     ] results:");
     for (const auto& [code, count] : results) std::printf(" [%d] %ld", code, count);
     std::printf("\n");
@@ -233,8 +238,11 @@ TEST(Soak, EightThreadsSendOneAtATime) {
                     ++other;
                     std::lock_guard lock(failure_mutex);
                     if (first_failure.empty())
-                        first_failure = std::to_string(result) + " \"" +
-                                        std::string(request.message, strnlen(request.message, sizeof request.message)) + "\"";
+                        first_failure =
+                            std::to_string(result) + " \"" +
+                            std::string(request.message,
+                                        strnlen(request.message, sizeof request.message)) +
+                            "\"";
                 }
             }
         });
@@ -242,10 +250,11 @@ TEST(Soak, EightThreadsSendOneAtATime) {
     for (std::thread& t : threads) t.join();
     server.stop();
     const std::vector<std::string> accepted = server.accepted();
-    std::printf("[ threads  ] 8 threads, %ld s: %ld sent, %ld answered busy, %ld other; "
-                "at most %d connection(s) open at once; descriptors %zu, %zu\n",
-                seconds, sent.load(), busy.load(), other.load(), server.max_open(), fds_start,
-                open_descriptors());
+    std::printf(
+        "[ threads  ] 8 threads, %ld s: %ld sent, %ld answered busy, %ld other; "
+        "at most %d connection(s) open at once; descriptors %zu, %zu\n",
+        seconds, sent.load(), busy.load(), other.load(), server.max_open(), fds_start,
+        open_descriptors());
     EXPECT_GT(sent.load(), 0);
     EXPECT_GT(busy.load(), 0) << "the threads never met";
     EXPECT_EQ(other.load(), 0) << first_failure;

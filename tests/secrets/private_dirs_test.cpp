@@ -38,7 +38,8 @@ int open_as_nobody(const std::string& path) {
     const uid_t uid = nobody->pw_uid;
     const gid_t gid = nobody->pw_gid;
     const auto result = kemail_test::run_bounded(10000, [&] {
-        if (setgroups(0, nullptr) != 0 || setresgid(gid, gid, gid) != 0 || setresuid(uid, uid, uid) != 0)
+        if (setgroups(0, nullptr) != 0 || setresgid(gid, gid, gid) != 0 ||
+            setresuid(uid, uid, uid) != 0)
             return -2;
         const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
         if (fd >= 0) {
@@ -73,7 +74,9 @@ void write_trace_config() {
 
 Script auth_plain_script() {
     Script s;
-    greet(s, "250-kemail-test\r\n250 AUTH PLAIN\r\n").read_line().send("235 2.7.0 Authentication successful\r\n");
+    greet(s, "250-kemail-test\r\n250 AUTH PLAIN\r\n")
+        .read_line()
+        .send("235 2.7.0 Authentication successful\r\n");
     return s;
 }
 
@@ -208,7 +211,8 @@ protected:
         for (const std::string& victim : victims_) {
             SCOPED_TRACE(victim);
             const std::string content = kemail_test::read_file(victim);
-            EXPECT_TRUE(content == kVictim) << "the victim now holds " << content.size() << " bytes";
+            EXPECT_TRUE(content == kVictim)
+                << "the victim now holds " << content.size() << " bytes";
             EXPECT_EQ(mode_of(victim), 0644u);
         }
     }

@@ -32,7 +32,8 @@ public:
         const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
         pages_ = (bytes.size() + page - 1) / page + 1;
         size_ = pages_ * page;
-        void* map = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        void* map =
+            mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (map == MAP_FAILED) std::abort();
         base_ = static_cast<char*>(map);
         if (mprotect(base_ + size_ - page, page, PROT_NONE) != 0) std::abort();
@@ -153,8 +154,8 @@ TEST_F(BadInput, AttachmentPathPastItsLimitWithoutNulIsRefused) {
     Mail mail(port.port());
     mail.prepare();
     mail.contents.push_back({KEMAIL_CONTENT_ATTACHMENT, 0, path.data()});
-    EXPECT_EQ(ZvKe_SendEMail(&mail.address, 1, mail.contents.data(), 2, kFrom, "s", "127.0.0.1",
-                             0, &*mail.option, &*mail.timeout, nullptr, mail.message),
+    EXPECT_EQ(ZvKe_SendEMail(&mail.address, 1, mail.contents.data(), 2, kFrom, "s", "127.0.0.1", 0,
+                             &*mail.option, &*mail.timeout, nullptr, mail.message),
               KEMAIL_E_ARGUMENT);
 }
 
@@ -264,7 +265,8 @@ TEST_F(BadInput, FifoWithoutWriterEndsAfterTheDataBlockTimeOut) {
     // The mail's time-outs are all 60 s, the least allowed.
     const auto result = send_attachment_bounded(fifo, message, 90000);
     const auto seconds =
-        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start).count();
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start)
+            .count();
     if (!result.finished) {
         // Let a blocked open go, so that nothing stays behind.
         const int fd = open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
@@ -309,8 +311,10 @@ bool attachment_lines_ok(const std::string& received, size_t* decoded) {
         }
         if (line.empty() || line.size() > 68 || line.size() % 4 != 0) return false;
         const size_t padding = line.size() - line.find_last_not_of('=') - 1;
-        static const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-        if (padding > 2 || line.substr(0, line.size() - padding).find_first_not_of(kAlphabet) != std::string::npos)
+        static const char kAlphabet[] =
+            "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+        if (padding > 2 ||
+            line.substr(0, line.size() - padding).find_first_not_of(kAlphabet) != std::string::npos)
             return false;
         *decoded += line.size() / 4 * 3 - padding;
     }
@@ -382,10 +386,10 @@ TEST_F(BadInput, TextEndsAtItsFirstNulByte) {
 
 TEST_F(BadInput, SubjectsOfLoneShiftJisLeadBytesAreSent) {
     const std::string subjects[] = {
-        "\x81",                           // a lead byte and the end
-        "abc\x9f",                        // after ASCII
-        "\xe0 \xef!",                     // each followed by an ASCII byte
-        "\x81\x7f\x82\x3f",               // invalid trail bytes
+        "\x81",                                             // a lead byte and the end
+        "abc\x9f",                                          // after ASCII
+        "\xe0 \xef!",                                       // each followed by an ASCII byte
+        "\x81\x7f\x82\x3f",                                 // invalid trail bytes
         std::string(KEMAIL_MAX_SUBJECT - 1, 'a') + "\xef",  // the last byte of the limit
     };
     for (const std::string& subject : subjects) {

@@ -108,11 +108,12 @@ TEST_F(PopBeforeSmtp, AGoodSessionReturnsZeroAndTracesEveryStep) {
     ASSERT_TRUE(server.wait_done());
     EXPECT_EQ(server.received(), "USER u\r\nPASS p\r\nSTAT\r\nQUIT\r\n");
     const auto codes = trace.codes();
-    EXPECT_TRUE(in_order(codes, {"BEFORE0000", "BEFORE0010", "BEFORE0060", "BEFORE0070",
-                                 "Pop3_Set0000", "Pop3_SetFFFF", "BEFORE0100", "INITSOCK0000",
-                                 "INITSOCKFFFF", "BEFORE0200", "Pop3_0000", "Pop3_03ff",
-                                 "BEFORE0300", "Pop3_0400", "Pop3_07ff", "BEFORE0400", "Pop3_0900",
-                                 "Pop3_09ff", "BEFORE0500", "Pop3_0800", "Pop3_08ff", "BEFORE0510"}));
+    EXPECT_TRUE(in_order(
+        codes,
+        {"BEFORE0000", "BEFORE0010",   "BEFORE0060",   "BEFORE0070", "Pop3_Set0000", "Pop3_SetFFFF",
+         "BEFORE0100", "INITSOCK0000", "INITSOCKFFFF", "BEFORE0200", "Pop3_0000",    "Pop3_03ff",
+         "BEFORE0300", "Pop3_0400",    "Pop3_07ff",    "BEFORE0400", "Pop3_0900",    "Pop3_09ff",
+         "BEFORE0500", "Pop3_0800",    "Pop3_08ff",    "BEFORE0510"}));
     EXPECT_EQ(count_of(codes, "BEFORE0505"), 0);
 }
 
@@ -160,8 +161,13 @@ TEST_F(PopBeforeSmtp, WaitMustBe0To3600000) {
     // The longest wait passes the check; a refused password ends the step
     // before the wait.
     info_.lWait = 3600000;
-    ScriptServer server(
-        Script().send("+OK\r\n").read_line().send("+OK\r\n").read_line().send("-ERR no\r\n").drain());
+    ScriptServer server(Script()
+                            .send("+OK\r\n")
+                            .read_line()
+                            .send("+OK\r\n")
+                            .read_line()
+                            .send("-ERR no\r\n")
+                            .drain());
     EXPECT_EQ(run(server), -15);
 }
 
@@ -261,7 +267,8 @@ TEST_F(PopBeforeSmtp, AFailedLogoutIsToleratedAndEmptiesTheMessage) {
     EXPECT_EQ(run(server), 0);
     EXPECT_STREQ(message_, "");
     const auto codes = trace.codes();
-    EXPECT_TRUE(in_order(codes, {"BEFORE0500", "Pop3_0840", "BEFORE0505", "BEFORE0506", "BEFORE0510"}));
+    EXPECT_TRUE(
+        in_order(codes, {"BEFORE0500", "Pop3_0840", "BEFORE0505", "BEFORE0506", "BEFORE0510"}));
 }
 
 TEST_F(PopBeforeSmtp, AnUnresolvableServerGivesMinus18AndTheResolverError) {
@@ -286,8 +293,9 @@ TEST_F(PopBeforeSmtp, ARefusedServerIsTriedSevenTimesThenGivesMinus18AndTheErrno
     MailLogClose(g_pLogHandle);
     g_pLogHandle = nullptr;
     const std::string log = kemail_test::read_file(pop3_test::mail_log_path());
-    EXPECT_NE(log.find(" -: ERROR: func=connect code=-1 detail=" + std::to_string(ECONNREFUSED) + "\r\n"),
-              std::string::npos)
+    EXPECT_NE(
+        log.find(" -: ERROR: func=connect code=-1 detail=" + std::to_string(ECONNREFUSED) + "\r\n"),
+        std::string::npos)
         << log;
     EXPECT_EQ(std::string(message_), std::to_string(ECONNREFUSED));
     const auto codes = trace.codes();

@@ -30,17 +30,17 @@ TEST_F(RequestChecks, EveryNullArgumentIsRefused) {
         Mail mail = probe();
         mail.prepare();
         char* message = which == 5 ? nullptr : mail.message;
-        const int result = which == 6
-            ? ZvKe_SendEMailPartial_parts(0, &mail.address, 1, mail.contents.data(), 2,
-                                          mail.from.c_str(), mail.subject.c_str(),
-                                          mail.server.c_str(), 0, nullptr, nullptr, nullptr,
-                                          message, nullptr)
-            : ZvKe_SendEMail(which == 0 ? nullptr : &mail.address, 1,
-                             which == 1 ? nullptr : mail.contents.data(), 2,
-                             which == 2 ? nullptr : mail.from.c_str(),
-                             which == 3 ? nullptr : mail.subject.c_str(),
-                             which == 4 ? nullptr : mail.server.c_str(), 0, nullptr, nullptr,
-                             nullptr, message);
+        const int result =
+            which == 6 ? ZvKe_SendEMailPartial_parts(0, &mail.address, 1, mail.contents.data(), 2,
+                                                     mail.from.c_str(), mail.subject.c_str(),
+                                                     mail.server.c_str(), 0, nullptr, nullptr,
+                                                     nullptr, message, nullptr)
+                       : ZvKe_SendEMail(which == 0 ? nullptr : &mail.address, 1,
+                                        which == 1 ? nullptr : mail.contents.data(), 2,
+                                        which == 2 ? nullptr : mail.from.c_str(),
+                                        which == 3 ? nullptr : mail.subject.c_str(),
+                                        which == 4 ? nullptr : mail.server.c_str(), 0, nullptr,
+                                        nullptr, nullptr, message);
         EXPECT_EQ(result, KEMAIL_E_ARGUMENT) << "null argument " << which;
     }
 }
@@ -68,10 +68,10 @@ TEST_F(RequestChecks, RecipientRecord) {
     Mail null_list = probe();
     null_list.prepare();
     null_list.address.pszAddress = nullptr;
-    EXPECT_EQ(ZvKe_SendEMail(&null_list.address, 1, null_list.contents.data(), 2,
-                             null_list.from.c_str(), "s", "127.0.0.1", 0, nullptr, nullptr,
-                             nullptr, null_list.message),
-              KEMAIL_E_RECIPIENT);
+    EXPECT_EQ(
+        ZvKe_SendEMail(&null_list.address, 1, null_list.contents.data(), 2, null_list.from.c_str(),
+                       "s", "127.0.0.1", 0, nullptr, nullptr, nullptr, null_list.message),
+        KEMAIL_E_RECIPIENT);
 
     Mail empty = probe();
     empty.to = "";
@@ -87,8 +87,8 @@ TEST_F(RequestChecks, RecipientRecord) {
 }
 
 TEST_F(RequestChecks, SenderAndServerLengths) {
-    for (auto [length, expected] : {std::pair{0, KEMAIL_E_ARGUMENT}, {256, KEMAIL_E_ATTACHMENT},
-                                    {257, KEMAIL_E_ARGUMENT}}) {
+    for (auto [length, expected] :
+         {std::pair{0, KEMAIL_E_ARGUMENT}, {256, KEMAIL_E_ATTACHMENT}, {257, KEMAIL_E_ARGUMENT}}) {
         Mail sender = probe();
         sender.from = std::string(static_cast<size_t>(length), 's');
         EXPECT_EQ(sender.send(), expected) << "sender of " << length;
@@ -101,28 +101,29 @@ TEST_F(RequestChecks, SenderAndServerLengths) {
 TEST_F(RequestChecks, ContentRecords) {
     Mail mail = probe();
     mail.prepare();
-    EXPECT_EQ(ZvKe_SendEMail(&mail.address, 1, mail.contents.data(), 0, kFrom, "s", "127.0.0.1",
-                             0, nullptr, nullptr, nullptr, mail.message),
+    EXPECT_EQ(ZvKe_SendEMail(&mail.address, 1, mail.contents.data(), 0, kFrom, "s", "127.0.0.1", 0,
+                             nullptr, nullptr, nullptr, mail.message),
               KEMAIL_E_ARGUMENT);
 
     mail.contents[0].ulKind = KEMAIL_CONTENT_ATTACHMENT;
-    EXPECT_EQ(ZvKe_SendEMail(&mail.address, 1, mail.contents.data(), 2, kFrom, "s", "127.0.0.1",
-                             0, nullptr, nullptr, nullptr, mail.message),
+    EXPECT_EQ(ZvKe_SendEMail(&mail.address, 1, mail.contents.data(), 2, kFrom, "s", "127.0.0.1", 0,
+                             nullptr, nullptr, nullptr, mail.message),
               KEMAIL_E_ARGUMENT);
 
     mail.prepare();
     mail.contents[1].ulKind = 5;
-    EXPECT_EQ(ZvKe_SendEMail(&mail.address, 1, mail.contents.data(), 2, kFrom, "s", "127.0.0.1",
-                             0, nullptr, nullptr, nullptr, mail.message),
+    EXPECT_EQ(ZvKe_SendEMail(&mail.address, 1, mail.contents.data(), 2, kFrom, "s", "127.0.0.1", 0,
+                             nullptr, nullptr, nullptr, mail.message),
               KEMAIL_E_ARGUMENT);
 
     mail.prepare();
     mail.contents[1].pszData = nullptr;
-    EXPECT_EQ(ZvKe_SendEMail(&mail.address, 1, mail.contents.data(), 2, kFrom, "s", "127.0.0.1",
-                             0, nullptr, nullptr, nullptr, mail.message),
+    EXPECT_EQ(ZvKe_SendEMail(&mail.address, 1, mail.contents.data(), 2, kFrom, "s", "127.0.0.1", 0,
+                             nullptr, nullptr, nullptr, mail.message),
               KEMAIL_E_ARGUMENT);
 
-    for (auto [length, expected] : {std::pair{0, KEMAIL_E_ARGUMENT}, {1024, KEMAIL_E_ATTACHMENT},
+    for (auto [length, expected] : {std::pair{0, KEMAIL_E_ARGUMENT},
+                                    {1024, KEMAIL_E_ATTACHMENT},
                                     {1025, KEMAIL_E_ARGUMENT}}) {
         Mail path = probe();
         path.attachments[0].second = std::string(static_cast<size_t>(length), 'p');
@@ -136,8 +137,8 @@ TEST_F(RequestChecks, ContentRecords) {
 }
 
 TEST_F(RequestChecks, SplitFlagIsZeroOrOne) {
-    for (auto [split, expected] : {std::pair{0u, KEMAIL_E_ATTACHMENT}, {1u, KEMAIL_E_ATTACHMENT},
-                                   {2u, KEMAIL_E_ARGUMENT}}) {
+    for (auto [split, expected] :
+         {std::pair{0u, KEMAIL_E_ATTACHMENT}, {1u, KEMAIL_E_ATTACHMENT}, {2u, KEMAIL_E_ARGUMENT}}) {
         Mail mail = probe();
         mail.split = split;
         EXPECT_EQ(mail.send(), expected) << "split " << split;
@@ -145,8 +146,10 @@ TEST_F(RequestChecks, SplitFlagIsZeroOrOne) {
 }
 
 TEST_F(RequestChecks, PartSizeBoundaries) {
-    for (auto [size, expected] : {std::pair{9, KEMAIL_E_ARGUMENT}, {10, KEMAIL_E_ATTACHMENT},
-                                  {100, KEMAIL_E_ATTACHMENT}, {101, KEMAIL_E_ARGUMENT}}) {
+    for (auto [size, expected] : {std::pair{9, KEMAIL_E_ARGUMENT},
+                                  {10, KEMAIL_E_ATTACHMENT},
+                                  {100, KEMAIL_E_ATTACHMENT},
+                                  {101, KEMAIL_E_ARGUMENT}}) {
         Mail mail = probe();
         mail.option = SendOptionInfo{size, 25};
         EXPECT_EQ(mail.send(), expected) << "part size " << size;
@@ -158,8 +161,10 @@ TEST_F(RequestChecks, PartSizeBoundaries) {
 
 TEST_F(RequestChecks, TimeOutBoundariesInEverySlot) {
     for (int slot = 0; slot < 6; ++slot) {
-        for (auto [value, expected] : {std::pair{59, KEMAIL_E_ARGUMENT}, {60, KEMAIL_E_ATTACHMENT},
-                                       {3600, KEMAIL_E_ATTACHMENT}, {3601, KEMAIL_E_ARGUMENT}}) {
+        for (auto [value, expected] : {std::pair{59, KEMAIL_E_ARGUMENT},
+                                       {60, KEMAIL_E_ATTACHMENT},
+                                       {3600, KEMAIL_E_ATTACHMENT},
+                                       {3601, KEMAIL_E_ARGUMENT}}) {
             Mail mail = probe();
             int32_t* slots = &mail.timeout->lConnect;
             slots[slot] = value;
@@ -205,8 +210,8 @@ AuthCertInfo cert(unsigned mechanisms, const std::string& user, const std::strin
 
 TEST_F(RequestChecks, AuthInfoModeAndSettings) {
     AuthCertInfo good = cert(KEMAIL_MECH_PLAIN, "user", "secret");
-    for (auto [mode, expected] : {std::pair{0u, KEMAIL_E_ARGUMENT}, {2u, KEMAIL_E_ATTACHMENT},
-                                  {3u, KEMAIL_E_ARGUMENT}}) {
+    for (auto [mode, expected] :
+         {std::pair{0u, KEMAIL_E_ARGUMENT}, {2u, KEMAIL_E_ATTACHMENT}, {3u, KEMAIL_E_ARGUMENT}}) {
         MailAuthInfo auth{mode, 0, &good};
         Mail mail = probe();
         mail.auth = &auth;

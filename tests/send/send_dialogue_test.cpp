@@ -87,12 +87,16 @@ TEST_F(SendDialogue, SplitMailIsThreeTransactionsInOneSession) {
                   "Date: <date>\r\n"
                   "From: sender@example.test\r\n"
                   "To: rcpt@example.test\r\n"
-                  "Subject: Test [" + n + "/3]\r\n"
-                  "Message-Id: <id>\r\n"
-                  "MIME-Version: 1.0\r\n"
-                  "Content-Type: message/partial; number=" + n + "; total=3;\r\n"
-                  "\tid=\"<partial-id>\"\r\n"
-                  "\r\n");
+                  "Subject: Test [" +
+                      n +
+                      "/3]\r\n"
+                      "Message-Id: <id>\r\n"
+                      "MIME-Version: 1.0\r\n"
+                      "Content-Type: message/partial; number=" +
+                      n +
+                      "; total=3;\r\n"
+                      "\tid=\"<partial-id>\"\r\n"
+                      "\r\n");
         const size_t id_at = header.find("id=\"");
         const std::string id = header.substr(id_at, header.find('"', id_at + 4) - id_at);
         if (piece == 1) first_id = id;
@@ -107,10 +111,11 @@ TEST_F(SendDialogue, SplitMailIsThreeTransactionsInOneSession) {
 
     // The pieces put together are the message, which starts at its Subject.
     const std::string masked = mask_variable(inner);
-    EXPECT_EQ(masked.rfind("Subject: Test\r\nMessage-Id: <id>\r\nMIME-Version: 1.0\r\n"
-                           "Content-Type: multipart/mixed; boundary=\"---------------ZvLunt<time>\"\r\n",
-                           0),
-              0u)
+    EXPECT_EQ(
+        masked.rfind("Subject: Test\r\nMessage-Id: <id>\r\nMIME-Version: 1.0\r\n"
+                     "Content-Type: multipart/mixed; boundary=\"---------------ZvLunt<time>\"\r\n",
+                     0),
+        0u)
         << masked.substr(0, 300);
     const std::string part_header =
         "Content-Disposition: attachment;\r\n\tfilename=\"big.bin\"\r\n\r\n";
@@ -118,9 +123,9 @@ TEST_F(SendDialogue, SplitMailIsThreeTransactionsInOneSession) {
     ASSERT_NE(start, std::string::npos);
     const size_t end = inner.find("\r\n--", start + part_header.size());
     ASSERT_NE(end, std::string::npos);
-    EXPECT_EQ(decode_base64(inner.substr(start + part_header.size(),
-                                         end - start - part_header.size())),
-              content);
+    EXPECT_EQ(
+        decode_base64(inner.substr(start + part_header.size(), end - start - part_header.size())),
+        content);
 }
 
 TEST_F(SendDialogue, SplitFlagWithASmallMailSendsItWhole) {

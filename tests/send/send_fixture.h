@@ -66,12 +66,10 @@ struct Mail {
 
     int send_with_temp_dir(const std::string& temp_dir) {
         prepare();
-        return ZvKe_SendEMailPartial_parts(0, &address, address_count, contents.data(),
-                                           static_cast<int>(contents.size()), from.c_str(),
-                                           subject.c_str(), server.c_str(), split,
-                                           option ? &*option : nullptr,
-                                           timeout ? &*timeout : nullptr, auth, message,
-                                           temp_dir.c_str());
+        return ZvKe_SendEMailPartial_parts(
+            0, &address, address_count, contents.data(), static_cast<int>(contents.size()),
+            from.c_str(), subject.c_str(), server.c_str(), split, option ? &*option : nullptr,
+            timeout ? &*timeout : nullptr, auth, message, temp_dir.c_str());
     }
 };
 
@@ -144,7 +142,8 @@ inline std::string mask_after(std::string data, const std::string& prefix,
 inline std::string mask_variable(std::string data) {
     data = mask_after(std::move(data), "Date: ", "\r\n", "<date>");
     data = mask_after(std::move(data), "Message-Id: <", ">\r\n", "id");
-    for (size_t at = data.find("ZvLunt"); at != std::string::npos; at = data.find("ZvLunt", at + 6)) {
+    for (size_t at = data.find("ZvLunt"); at != std::string::npos;
+         at = data.find("ZvLunt", at + 6)) {
         const std::string digits = data.substr(at + 6, 10);  // the time in the boundary
         if (digits.size() == 10 && digits.find_first_not_of("0123456789") == std::string::npos)
             data.replace(at + 6, 10, "<time>");

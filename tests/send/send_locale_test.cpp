@@ -74,7 +74,9 @@ TEST_F(EucLocale, TextTheConverterRefusesGoesOutUnconvertedWithResultOne) {
     ScriptServer server(whole_mail_script());
     Mail mail(server.port());
     mail.subject = kEucNihon;  // converts
-    mail.text = "ok line\r\n\xA4" "A broken\n";  // 0xA4 0x41 is no EUC-JP character
+    mail.text =
+        "ok line\r\n\xA4"
+        "A broken\n";  // 0xA4 0x41 is no EUC-JP character
     EXPECT_EQ(mail.send(), KEMAIL_W_CONVERSION);
     EXPECT_STREQ(mail.message, "");
     ASSERT_TRUE(server.wait_done());
@@ -82,18 +84,24 @@ TEST_F(EucLocale, TextTheConverterRefusesGoesOutUnconvertedWithResultOne) {
     ASSERT_EQ(records.size(), 6u);
     const std::string& data = records[4];
     EXPECT_NE(data.find("Subject: =?ISO-2022-JP?B?GyRCRnxLXBsoSg==?=\r\n"), std::string::npos);
-    EXPECT_NE(data.find("\r\n\r\nok line\r\n\xA4" "A broken\r\n\r\n\r\n"), std::string::npos)
+    EXPECT_NE(data.find("\r\n\r\nok line\r\n\xA4"
+                        "A broken\r\n\r\n\r\n"),
+              std::string::npos)
         << data;
 }
 
 TEST_F(EucLocale, SubjectTheConverterRefusesGoesOutUnconvertedWithResultOne) {
     ScriptServer server(whole_mail_script());
     Mail mail(server.port());
-    mail.subject = "bad \xA4" "A";  // no EUC-JP character; no Shift_JIS lead byte either
+    mail.subject =
+        "bad \xA4"
+        "A";  // no EUC-JP character; no Shift_JIS lead byte either
     EXPECT_EQ(mail.send(), KEMAIL_W_CONVERSION);
     ASSERT_TRUE(server.wait_done());
     ASSERT_EQ(server.records().size(), 6u);
-    EXPECT_NE(server.records()[4].find("Subject: bad \xA4" "A\r\n"), std::string::npos)
+    EXPECT_NE(server.records()[4].find("Subject: bad \xA4"
+                                       "A\r\n"),
+              std::string::npos)
         << server.records()[4];
 }
 

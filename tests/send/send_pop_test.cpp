@@ -31,8 +31,12 @@ class PopBeforeSmtp : public SendTest {};
 
 TEST_F(PopBeforeSmtp, LogInThenTheMailIsSent) {
     Script p;
-    pop_login(p).send("+OK Logged in.\r\n").read_line().send("+OK 0 0\r\n").read_line().send(
-        "+OK Logging out.\r\n");
+    pop_login(p)
+        .send("+OK Logged in.\r\n")
+        .read_line()
+        .send("+OK 0 0\r\n")
+        .read_line()
+        .send("+OK Logging out.\r\n");
     ScriptServer pop_server(std::move(p));
     ScriptServer smtp_server(whole_mail_script());
     PopBeforeSmtpInfo pop = pop_settings(pop_server.port(), 300);
@@ -44,9 +48,9 @@ TEST_F(PopBeforeSmtp, LogInThenTheMailIsSent) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300))
         << "the wait after the POP session";
     ASSERT_TRUE(pop_server.wait_done());
-    EXPECT_EQ(pop_server.records(),
-              (std::vector<std::string>{"USER popuser\r\n", "PASS poppass\r\n", "STAT\r\n",
-                                        "QUIT\r\n"}));
+    EXPECT_EQ(
+        pop_server.records(),
+        (std::vector<std::string>{"USER popuser\r\n", "PASS poppass\r\n", "STAT\r\n", "QUIT\r\n"}));
     ASSERT_TRUE(smtp_server.wait_done());
     EXPECT_FALSE(smtp_server.failed()) << smtp_server.error();
 }

@@ -58,9 +58,8 @@ TEST(SendTrace, CodeChangerAndLineConverterShareChange0010And0020) {
     const std::string changer_timeout = traced([] { kemail::change_code(-6); });
     const std::string changer_socket = traced([] { kemail::change_code(-1); });
     char dest[16] = {};
-    const std::string converter = traced([&] {
-        kemail::convert_lines(reinterpret_cast<iconv_t>(-1), "abc", dest, sizeof dest);
-    });
+    const std::string converter = traced(
+        [&] { kemail::convert_lines(reinterpret_cast<iconv_t>(-1), "abc", dest, sizeof dest); });
     // The code changer: CHANGE0020 is the time-out row, CHANGE0010 the socket row.
     EXPECT_EQ(records_of(changer_timeout, "CHANGE0020").size(), 1u);
     EXPECT_EQ(records_of(changer_socket, "CHANGE0010").size(), 1u);

@@ -102,8 +102,8 @@ TEST(AuthBuilders, PlainWithOverlongInputsStaysWithinTheCallersSize) {
     // Cut to 168 + 168 characters: 506 bytes, 676 characters of base64.
     EXPECT_EQ(length, 676u);
     EXPECT_EQ(out[677], '#');
-    EXPECT_EQ(decode(out.c_str()), std::string(168, 'u') + '\0' + std::string(168, 'u') + '\0' +
-                                       std::string(168, 'p'));
+    EXPECT_EQ(decode(out.c_str()),
+              std::string(168, 'u') + '\0' + std::string(168, 'u') + '\0' + std::string(168, 'p'));
 }
 
 TEST(AuthBuilders, LoginEncodesUserAndPasswordApart) {
@@ -136,10 +136,10 @@ TEST(AuthBuilders, LoginWithOverlongInputsFitsTwo256ByteOutputs) {
 // RFC 2195, section 2: the example exchange.
 TEST(AuthBuilders, CramMd5GivesTheResponseOfRfc2195) {
     char out[256];
-    EXPECT_EQ(Auth_GetCertCramString("tim", "tanstaaftanstaaf",
-                                     "PDE4OTYuNjk3MTcwOTUyQHBvc3RvZmZpY2UucmVzdG9uLm1jaS5uZXQ+\r\n",
-                                     out),
-              0);
+    EXPECT_EQ(
+        Auth_GetCertCramString("tim", "tanstaaftanstaaf",
+                               "PDE4OTYuNjk3MTcwOTUyQHBvc3RvZmZpY2UucmVzdG9uLm1jaS5uZXQ+\r\n", out),
+        0);
     EXPECT_STREQ(out, "dGltIGI5MTNhNjAyYzdlZGE3YTQ5NWI0ZTZlNzMzNGQzODkw");
     EXPECT_EQ(decode(out), "tim b913a602c7eda7a495b4e6e7334d3890");
 }
@@ -190,14 +190,14 @@ TEST(AuthBuilders, TracesCarryTheDiagnosticTexts) {
     EXPECT_EQ(trace_find("AHPLAFFFF").level, 2u);
     trace_clear();
     Auth_GetCertCramString("tim", "pw", "PDE+", out);
-    EXPECT_TRUE(traced_in_order({"AHCRAM0000", "AHCRAM0005", "AHCRAM0010", "AHCRAM0015",
-                                 "AHCRAMFFFF"}));
+    EXPECT_TRUE(
+        traced_in_order({"AHCRAM0000", "AHCRAM0005", "AHCRAM0010", "AHCRAM0015", "AHCRAMFFFF"}));
     EXPECT_EQ(trace_find("AHCRAM0015").data, "PDE+");
     trace_clear();
     char user[256], password[256];
     Auth_GetCertLoginString("a", "b", user, password);
-    EXPECT_TRUE(traced_in_order({"AHLGIN0000", "AHLGIN0005", "AHLGIN0010", "AHLGIN0015",
-                                 "AHLGINFFFF"}));
+    EXPECT_TRUE(
+        traced_in_order({"AHLGIN0000", "AHLGIN0005", "AHLGIN0010", "AHLGIN0015", "AHLGINFFFF"}));
 }
 
 TEST(AuthMechanisms, FindsEachMechanismByItsLeadingBlank) {

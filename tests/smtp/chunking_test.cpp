@@ -132,8 +132,8 @@ TEST(GetLine, AgreesWithTheByteByByteWalkOnRandomText) {
         std::vector<char> line(static_cast<size_t>(size) + 8, '#');
         const int start = SMTP_getline(buf.data(), end, line.data(), size);
         ASSERT_EQ(start, reference_line_start(buf, end, size)) << "round " << round;
-        ASSERT_EQ(std::string(line.data()), buf.substr(static_cast<size_t>(start),
-                                                       static_cast<size_t>(end - start)));
+        ASSERT_EQ(std::string(line.data()),
+                  buf.substr(static_cast<size_t>(start), static_cast<size_t>(end - start)));
     }
 }
 
@@ -311,9 +311,9 @@ TEST(GetSendData, NeverSeparatesAPartHeaderFromItsFirstBodyLine) {
                     cut += chunks[i].size();
                     for (const auto& [start, end] : spans) {
                         EXPECT_FALSE(cut > start && cut < end)
-                            << "cut at " << cut << " inside the part header at " << start
-                            << ".." << end << " (" << attachments << " attachments, " << lines
-                            << " lines, " << size_kb << " KiB)";
+                            << "cut at " << cut << " inside the part header at " << start << ".."
+                            << end << " (" << attachments << " attachments, " << lines << " lines, "
+                            << size_kb << " KiB)";
                     }
                 }
             }

@@ -167,8 +167,8 @@ int port_zero_child(const std::string& services, uint16_t expected_port,
     if (listener < 0) return kListen;
     char name[] = "/tmp/kemail-services.XXXXXX";
     const int fd = mkstemp(name);
-    if (fd < 0 || write(fd, services.data(), services.size()) !=
-                      static_cast<ssize_t>(services.size())) {
+    if (fd < 0 ||
+        write(fd, services.data(), services.size()) != static_cast<ssize_t>(services.size())) {
         return kServicesFile;
     }
     close(fd);
@@ -227,8 +227,7 @@ TEST_F(Connect, PortZeroWithoutAnyServiceEntryUses25) {
 }
 
 TEST_F(Connect, PortZeroTriesTheUpperCaseServiceFirst) {
-    EXPECT_EQ(run_in_child("SMTP 2601/tcp\nsmtp 2602/tcp\n", 2601, {"smtp0012L", "smtp0021"}),
-              kOk);
+    EXPECT_EQ(run_in_child("SMTP 2601/tcp\nsmtp 2602/tcp\n", 2601, {"smtp0012L", "smtp0021"}), kOk);
 }
 
 TEST_F(Connect, PortZeroFallsBackToTheLowerCaseService) {

@@ -24,7 +24,8 @@ long long raw_ms() {
 
 TEST(FakeClock, IsPreloadedIntoTheTestPrograms) {
     kemail_test::FakeClock clock;
-    EXPECT_TRUE(clock.active()) << "run through ctest: the test clock is preloaded by private-root.sh";
+    EXPECT_TRUE(clock.active())
+        << "run through ctest: the test clock is preloaded by private-root.sh";
 }
 
 TEST(FakeClock, ASilentMinuteTakesNoRealTime) {

@@ -21,10 +21,8 @@ protected:
 };
 
 TEST_F(Greeting, EveryEhloContinuationLineRestartsThePhaseClock) {
-    ScriptServer server(Script()
-                            .send("220 test\r\n")
-                            .read_line()
-                            .send("250-test\r\n250-PIPELINING\r\n250 OK\r\n"));
+    ScriptServer server(
+        Script().send("220 test\r\n").read_line().send("250-test\r\n250-PIPELINING\r\n250 OK\r\n"));
     Client client(server);
     EXPECT_EQ(SMTP_initialize(client.sock, nullptr, &err), 0);
     ASSERT_TRUE(server.wait_done());
@@ -88,8 +86,7 @@ TEST_F(Greeting, AnAuthLineThatFillsTheBufferIsCutToStayTerminated) {
 
 TEST_F(Greeting, TheLastAuthLineWins) {
     char capability[KEMAIL_RECV_BUF_SIZE] = {};
-    ScriptServer server(
-        Script().send("250-AUTH LOGIN\r\n250-SIZE 100\r\n250 AUTH CRAM-MD5\r\n"));
+    ScriptServer server(Script().send("250-AUTH LOGIN\r\n250-SIZE 100\r\n250 AUTH CRAM-MD5\r\n"));
     Client client(server);
     EXPECT_EQ(SMTP_readEhloReply(client.sock, capability, &err), 0);
     EXPECT_STREQ(capability, "250 AUTH CRAM-MD5\r\n");

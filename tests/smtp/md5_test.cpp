@@ -88,17 +88,16 @@ TEST(Md5, FinalClearsTheContext) {
 // RFC 2104, appendix: the three sample results.
 TEST(HmacMd5, Rfc2104Vectors) {
     EXPECT_EQ(hmac_hex("Hi There", std::string(16, '\x0b')), "9294727a3638bb1c13f48ef8158bfc9d");
-    EXPECT_EQ(hmac_hex("what do ya want for nothing?", "Jefe"),
-              "750c783e6ab0b503eaa86e310a5db738");
+    EXPECT_EQ(hmac_hex("what do ya want for nothing?", "Jefe"), "750c783e6ab0b503eaa86e310a5db738");
     EXPECT_EQ(hmac_hex(std::string(50, '\xdd'), std::string(16, '\xaa')),
               "56be34521d144c88dbb8c733f0e8b3f6");
 }
 
 // RFC 2202: a key longer than the 64-byte block is hashed first.
 TEST(HmacMd5, KeyLongerThanABlockIsHashedFirst) {
-    EXPECT_EQ(hmac_hex("Test Using Larger Than Block-Size Key - Hash Key First",
-                       std::string(80, '\xaa')),
-              "6b1ab7fe4bd7bf8f0b62e6ce61b9d0cd");
+    EXPECT_EQ(
+        hmac_hex("Test Using Larger Than Block-Size Key - Hash Key First", std::string(80, '\xaa')),
+        "6b1ab7fe4bd7bf8f0b62e6ce61b9d0cd");
     EXPECT_EQ(hmac_hex("Test Using Larger Than Block-Size Key and Larger Than One Block-Size Data",
                        std::string(80, '\xaa')),
               "6f630fad67cda0ee1fb1f562db3aa53e");

@@ -200,8 +200,8 @@ TEST(TraceTap, SeesTheLibrarysRecordsWithLevelAndData) {
     SMTP_GetSmtpSvResponce(out);
     unsigned int mask = 0;
     SMTP_getAuthMechanisms("250-AUTH PLAIN", &mask);
-    EXPECT_TRUE(traced_in_order({"GETSMTP0000", "GETSMTPFFFF", "GTAINF0000", "GTAINF0005",
-                                 "GTAINF0015", "GTAINFFFFF"}));
+    EXPECT_TRUE(traced_in_order(
+        {"GETSMTP0000", "GETSMTPFFFF", "GTAINF0000", "GTAINF0005", "GTAINF0015", "GTAINFFFFF"}));
     const TraceEvent parsed = trace_find("GTAINF0005");
     EXPECT_EQ(parsed.level, 2u);
     EXPECT_EQ(parsed.data, "250-AUTH PLAIN");

@@ -57,11 +57,8 @@ TEST_F(Transaction, TheStagedFileGoesOutAsItIsAndTheMarkEndsIt) {
     std::string message = "Subject: x\r\n\r\n..dot-stuffed line\r\nlast line without end";
     message += std::string(5000, 'b');  // several 1028-byte chunks
     StagedFile file(message);
-    ScriptServer server(Script()
-                            .read_line()
-                            .send("354 go\r\n")
-                            .read_until("\r\n.\r\n")
-                            .send("250 queued\r\n"));
+    ScriptServer server(
+        Script().read_line().send("354 go\r\n").read_until("\r\n.\r\n").send("250 queued\r\n"));
     Client client(server);
     EXPECT_EQ(SMTP_startData(client.sock, &err), 0);
     EXPECT_EQ(SMTP_sendData(client.sock, file.fd, &err), 0);

@@ -86,10 +86,10 @@ __attribute__((constructor)) static void resolve_next(void) {
 
 /* A call that comes before the constructor ran (from another library's
  * constructor) resolves its own function. */
-#define NEXT_GETTER(type, name)                                       \
-    static type get_##name(void) {                                    \
+#define NEXT_GETTER(type, name)                                          \
+    static type get_##name(void) {                                       \
         if (next_##name == NULL) next_##name = (type)next_symbol(#name); \
-        return next_##name;                                           \
+        return next_##name;                                              \
     }
 NEXT_GETTER(time_fn, time)
 NEXT_GETTER(gettimeofday_fn, gettimeofday)
@@ -137,7 +137,8 @@ EXPORT time_t time(time_t* out) {
          * about the second. */
         struct timespec real;
         if (NEXT(clock_gettime_fn, clock_gettime)(CLOCK_REALTIME, &real) != 0) return (time_t)-1;
-        now = (time_t)(((long long)real.tv_sec * 1000000000LL + real.tv_nsec + atomic_load(&g_offset_ns)) /
+        now = (time_t)(((long long)real.tv_sec * 1000000000LL + real.tv_nsec +
+                        atomic_load(&g_offset_ns)) /
                        1000000000LL);
     } else {
         now = NEXT(time_fn, time)(NULL);
@@ -149,7 +150,8 @@ EXPORT time_t time(time_t* out) {
 EXPORT int gettimeofday(struct timeval* tv, void* tz) {
     const int rc = NEXT(gettimeofday_fn, gettimeofday)(tv, tz);
     if (rc == 0 && t_active) {
-        long long us = (long long)tv->tv_sec * 1000000LL + tv->tv_usec + atomic_load(&g_offset_ns) / 1000LL;
+        long long us =
+            (long long)tv->tv_sec * 1000000LL + tv->tv_usec + atomic_load(&g_offset_ns) / 1000LL;
         tv->tv_sec = (time_t)(us / 1000000LL);
         tv->tv_usec = (suseconds_t)(us % 1000000LL);
     }
@@ -160,7 +162,8 @@ EXPORT int clock_gettime(clockid_t id, struct timespec* ts) {
     const int rc = NEXT(clock_gettime_fn, clock_gettime)(id, ts);
     if (rc == 0 && t_active &&
         (id == CLOCK_REALTIME || id == CLOCK_MONOTONIC || id == CLOCK_BOOTTIME)) {
-        long long ns = (long long)ts->tv_sec * 1000000000LL + ts->tv_nsec + atomic_load(&g_offset_ns);
+        long long ns =
+            (long long)ts->tv_sec * 1000000000LL + ts->tv_nsec + atomic_load(&g_offset_ns);
         ts->tv_sec = (time_t)(ns / 1000000000LL);
         ts->tv_nsec = (long)(ns % 1000000000LL);
     }
@@ -170,7 +173,8 @@ EXPORT int clock_gettime(clockid_t id, struct timespec* ts) {
 /* ------------------------------------------------------------ waits */
 
 EXPORT int nanosleep(const struct timespec* want, struct timespec* left) {
-    if (!t_active || want == NULL || want->tv_sec < 0 || want->tv_nsec < 0 || want->tv_nsec > 999999999L)
+    if (!t_active || want == NULL || want->tv_sec < 0 || want->tv_nsec < 0 ||
+        want->tv_nsec > 999999999L)
         return NEXT(nanosleep_fn, nanosleep)(want, left);
     advance_ns((long long)want->tv_sec * 1000000000LL + want->tv_nsec);
     if (left != NULL) {
@@ -208,7 +212,8 @@ static int real_select_for(int n, fd_set* r, fd_set* w, fd_set* e, long ms) {
     if (w) wc = *w;
     if (e) ec = *e;
     struct timeval wait = {ms / 1000, (ms % 1000) * 1000};
-    const int ready = NEXT(select_fn, select)(n, r ? &rc : NULL, w ? &wc : NULL, e ? &ec : NULL, &wait);
+    const int ready =
+        NEXT(select_fn, select)(n, r ? &rc : NULL, w ? &wc : NULL, e ? &ec : NULL, &wait);
     if (ready != 0) {
         if (r) *r = rc;
         if (w) *w = wc;
@@ -222,8 +227,9 @@ EXPORT int select(int n, fd_set* r, fd_set* w, fd_set* e, struct timeval* tv) {
      * accepts) keep their real behaviour. */
     if (!t_active || tv == NULL || tv->tv_sec < 0 || tv->tv_usec < 0 || tv->tv_usec > 2147483647L)
         return NEXT(select_fn, select)(n, r, w, e, tv);
-    const long long want_ns = (long long)tv->tv_sec * 1000000000LL + (long long)tv->tv_usec * 1000LL;
-    if (want_ns == 0) return NEXT(select_fn, select)(n, r, w, e, tv);  /* a poll */
+    const long long want_ns =
+        (long long)tv->tv_sec * 1000000000LL + (long long)tv->tv_usec * 1000LL;
+    if (want_ns == 0) return NEXT(select_fn, select)(n, r, w, e, tv); /* a poll */
     if (!any_set(n, r) && !any_set(n, w) && !any_set(n, e)) {
         advance_ns(want_ns);
         tv->tv_sec = 0;

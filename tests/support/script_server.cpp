@@ -68,7 +68,8 @@ int poll_with_wake(int fd, short events, int wake_fd, int bound_ms) {
     for (;;) {
         int wait = -1;
         if (bound_ms >= 0) {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock::now());
+            auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock::now());
             wait = left.count() < 0 ? 0 : static_cast<int>(left.count());
         }
         // fds[0] is the wake pipe; fds[1] the watched descriptor, if any.
@@ -84,9 +85,7 @@ int poll_with_wake(int fd, short events, int wake_fd, int bound_ms) {
     }
 }
 
-std::string errno_text(const char* what) {
-    return std::string(what) + ": " + std::strerror(errno);
-}
+std::string errno_text(const char* what) { return std::string(what) + ": " + std::strerror(errno); }
 
 }  // namespace
 
@@ -291,82 +290,76 @@ void ScriptServer::play(const Script& script) {
             return;
         }
         switch (step.op) {
-        case Script::Op::Send: {
-            if (conn_ < 0) {
-                fail("send: no connection");
-                return;
-            }
-            size_t done = 0;
-            while (done < step.bytes.size()) {
-                ssize_t n = ::send(conn_, step.bytes.data() + done, step.bytes.size() - done,
-                                   MSG_NOSIGNAL | MSG_DONTWAIT);
-                if (n > 0) {
-                    done += static_cast<size_t>(n);
-                } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-                    if (!wait_fd(conn_, POLLOUT, bound)) return;
-                } else if (n < 0 && errno == EINTR) {
-                    continue;
-                } else {
-                    fail(errno_text("send"));
+            case Script::Op::Send: {
+                if (conn_ < 0) {
+                    fail("send: no connection");
                     return;
                 }
-            }
-            break;
-        }
-        case Script::Op::ReadLine:
-        case Script::Op::ReadUntil: {
-            const std::string& term = step.bytes;
-            size_t from = 0;
-            for (;;) {
-                size_t pos = pending_.find(term, from);
-                if (pos != std::string::npos) {
-                    size_t end = pos + term.size();
-                    std::lock_guard lock(mutex_);
-                    records_.push_back(pending_.substr(0, end));
-                    pending_.erase(0, end);
-                    break;
+                size_t done = 0;
+                while (done < step.bytes.size()) {
+                    ssize_t n = ::send(conn_, step.bytes.data() + done, step.bytes.size() - done,
+                                       MSG_NOSIGNAL | MSG_DONTWAIT);
+                    if (n > 0) {
+                        done += static_cast<size_t>(n);
+                    } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+                        if (!wait_fd(conn_, POLLOUT, bound)) return;
+                    } else if (n < 0 && errno == EINTR) {
+                        continue;
+                    } else {
+                        fail(errno_text("send"));
+                        return;
+                    }
                 }
-                // The terminator may straddle the next read: search again from
-                // just before the end of what we have.
-                from = pending_.size() >= term.size() ? pending_.size() - term.size() + 1 : 0;
-                if (!read_more(bound, true)) return;
+                break;
             }
-            break;
-        }
-        case Script::Op::Drain: {
-            while (read_more(bound, false)) {
+            case Script::Op::ReadLine:
+            case Script::Op::ReadUntil: {
+                const std::string& term = step.bytes;
+                size_t from = 0;
+                for (;;) {
+                    size_t pos = pending_.find(term, from);
+                    if (pos != std::string::npos) {
+                        size_t end = pos + term.size();
+                        std::lock_guard lock(mutex_);
+                        records_.push_back(pending_.substr(0, end));
+                        pending_.erase(0, end);
+                        break;
+                    }
+                    // The terminator may straddle the next read: search again from
+                    // just before the end of what we have.
+                    from = pending_.size() >= term.size() ? pending_.size() - term.size() + 1 : 0;
+                    if (!read_more(bound, true)) return;
+                }
+                break;
             }
-            if (failed()) return;
-            std::lock_guard lock(mutex_);
-            records_.push_back(pending_);
-            pending_.clear();
-            break;
-        }
-        case Script::Op::Sleep: {
-            // Everything sent so far is written: a client waiting on the test
-            // clock may now time out without waiting for real.
-            fake_clock_silence(+1);
-            const bool slept = sleep_interruptible(step.ms);
-            fake_clock_silence(-1);
-            if (!slept) return;
-            break;
-        }
-        case Script::Op::Close:
-            close_conn(false);
-            break;
-        case Script::Op::Reset:
-            close_conn(true);
-            break;
-        case Script::Op::ShutdownWrite:
-            if (conn_ >= 0) ::shutdown(conn_, SHUT_WR);
-            break;
-        case Script::Op::Accept:
-            close_conn(false);
-            if (!accept_next(bound)) return;
-            break;
-        case Script::Op::Bound:
-            bound = step.ms;
-            break;
+            case Script::Op::Drain: {
+                while (read_more(bound, false)) {
+                }
+                if (failed()) return;
+                std::lock_guard lock(mutex_);
+                records_.push_back(pending_);
+                pending_.clear();
+                break;
+            }
+            case Script::Op::Sleep: {
+                // Everything sent so far is written: a client waiting on the test
+                // clock may now time out without waiting for real.
+                fake_clock_silence(+1);
+                const bool slept = sleep_interruptible(step.ms);
+                fake_clock_silence(-1);
+                if (!slept) return;
+                break;
+            }
+            case Script::Op::Close: close_conn(false); break;
+            case Script::Op::Reset: close_conn(true); break;
+            case Script::Op::ShutdownWrite:
+                if (conn_ >= 0) ::shutdown(conn_, SHUT_WR);
+                break;
+            case Script::Op::Accept:
+                close_conn(false);
+                if (!accept_next(bound)) return;
+                break;
+            case Script::Op::Bound: bound = step.ms; break;
         }
     }
 }

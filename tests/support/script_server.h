@@ -42,7 +42,18 @@ namespace kemail_test {
 // The steps of one dialogue. Each method appends a step and returns *this.
 class Script {
 public:
-    enum class Op { Send, ReadLine, ReadUntil, Drain, Sleep, Close, Reset, ShutdownWrite, Accept, Bound };
+    enum class Op {
+        Send,
+        ReadLine,
+        ReadUntil,
+        Drain,
+        Sleep,
+        Close,
+        Reset,
+        ShutdownWrite,
+        Accept,
+        Bound
+    };
     struct Step {
         Op op;
         std::string bytes;  // Send: what to send; ReadUntil: the terminator

@@ -24,7 +24,7 @@ std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& bytes);
 
 // The library's fixed directories as the private test root shows them.
-std::string etc_dir();   // /etc/opt/QRZNvolta
-std::string var_dir();   // /var/opt/QRZNvolta
+std::string etc_dir();  // /etc/opt/QRZNvolta
+std::string var_dir();  // /var/opt/QRZNvolta
 
 }  // namespace kemail_test

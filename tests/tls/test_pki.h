@@ -15,7 +15,8 @@ public:
     TestPki() {
         const std::string d = dir_.path();
         const std::string script =
-            "set -e; cd '" + d + "'; "
+            "set -e; cd '" + d +
+            "'; "
             "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 "
             "  -subj /CN=kemail-test-ca -keyout ca.key -out ca.pem; "
             "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 "

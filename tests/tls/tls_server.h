@@ -103,7 +103,8 @@ inline std::string read_exactly(SSL* ssl, size_t n) {
     std::string got;
     char block[4096];
     while (got.size() < n) {
-        const int r = SSL_read(ssl, block, static_cast<int>(std::min(sizeof block, n - got.size())));
+        const int r =
+            SSL_read(ssl, block, static_cast<int>(std::min(sizeof block, n - got.size())));
         if (r <= 0) break;
         got.append(block, static_cast<size_t>(r));
     }

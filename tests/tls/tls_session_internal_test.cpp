@@ -21,7 +21,9 @@ using tls_test::TlsServer;
 
 class TlsSessionTest : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_TRUE(pki_.ok()) << "the openssl command could not make certificates"; }
+    void SetUp() override {
+        ASSERT_TRUE(pki_.ok()) << "the openssl command could not make certificates";
+    }
 
     // Connects to the server and handshakes; returns start()'s result.
     int start(TlsServer& server, TlsSettings settings, unsigned seconds = 5) {
@@ -48,11 +50,12 @@ TEST_F(TlsSessionTest, VerifiedSessionCarriesBytesBothWays) {
         received = tls_test::read_exactly(ssl, 12);
     });
     const std::string ca = pki_.ca();
-    ASSERT_EQ(start(server, {.server_name = "mx.kemail.test", .verify = true, .ca_file = ca.c_str()}),
-              0)
+    ASSERT_EQ(
+        start(server, {.server_name = "mx.kemail.test", .verify = true, .ca_file = ca.c_str()}), 0)
         << reason_;
     EXPECT_TRUE(session_.info().verified);
-    EXPECT_EQ(std::string(session_.info().version).rfind("TLSv1.", 0), 0u) << session_.info().version;
+    EXPECT_EQ(std::string(session_.info().version).rfind("TLSv1.", 0), 0u)
+        << session_.info().version;
     EXPECT_STRNE(session_.info().cipher, "");
 
     char buffer[64] = {};
@@ -74,9 +77,9 @@ TEST_F(TlsSessionTest, VerifiedSessionCarriesBytesBothWays) {
 TEST_F(TlsSessionTest, AnUntrustedChainIsRefusedWithItsReason) {
     TlsServer server(pki_.server_cert(), pki_.server_key(), tls(), [](SSL*, int) {});
     const std::string other = pki_.other_ca();
-    EXPECT_EQ(start(server, {.server_name = "mx.kemail.test", .verify = true,
-                             .ca_file = other.c_str()}),
-              -1);
+    EXPECT_EQ(
+        start(server, {.server_name = "mx.kemail.test", .verify = true, .ca_file = other.c_str()}),
+        -1);
     EXPECT_EQ(std::string(reason_).rfind("certificate verify failed: ", 0), 0u) << reason_;
     EXPECT_NE(std::string(reason_).find("issuer"), std::string::npos) << reason_;
 }
@@ -84,9 +87,9 @@ TEST_F(TlsSessionTest, AnUntrustedChainIsRefusedWithItsReason) {
 TEST_F(TlsSessionTest, AnotherNameIsRefused) {
     TlsServer server(pki_.server_cert(), pki_.server_key(), tls(), [](SSL*, int) {});
     const std::string ca = pki_.ca();
-    EXPECT_EQ(start(server, {.server_name = "other.kemail.test", .verify = true,
-                             .ca_file = ca.c_str()}),
-              -1);
+    EXPECT_EQ(
+        start(server, {.server_name = "other.kemail.test", .verify = true, .ca_file = ca.c_str()}),
+        -1);
     EXPECT_STREQ(reason_, "certificate verify failed: hostname mismatch");
 }
 
@@ -94,8 +97,8 @@ TEST_F(TlsSessionTest, AnAddressIsCheckedAgainstTheCertificatesAddresses) {
     const std::string ca = pki_.ca();
     {
         TlsServer server(pki_.server_cert(), pki_.server_key(), tls(), [](SSL*, int) {});
-        EXPECT_EQ(start(server, {.server_name = "127.0.0.1", .verify = true, .ca_file = ca.c_str()}),
-                  0)
+        EXPECT_EQ(
+            start(server, {.server_name = "127.0.0.1", .verify = true, .ca_file = ca.c_str()}), 0)
             << reason_;
     }
     close(fd_);
@@ -113,8 +116,8 @@ TEST_F(TlsSessionTest, WithoutVerificationAnUntrustedPeerStillEncrypts) {
     TlsServer server(pki_.server_cert(), pki_.server_key(), tls(),
                      [](SSL* ssl, int) { SSL_write(ssl, "+OK\r\n", 5); });
     const std::string other = pki_.other_ca();
-    ASSERT_EQ(start(server, {.server_name = "wrong.name", .verify = false, .ca_file = other.c_str()}),
-              0)
+    ASSERT_EQ(
+        start(server, {.server_name = "wrong.name", .verify = false, .ca_file = other.c_str()}), 0)
         << reason_;
     EXPECT_FALSE(session_.info().verified);
     char buffer[8];
@@ -133,10 +136,11 @@ TEST_F(TlsSessionTest, AServerThatNeverAnswersTimesOut) {
 }
 
 TEST_F(TlsSessionTest, AServerThatDoesNotSpeakTlsFailsTheHandshake) {
-    TlsServer server(pki_.server_cert(), pki_.server_key(), TlsServer::Mode::Plain, [](SSL*, int fd) {
-        const char greeting[] = "220 plain ESMTP\r\n";
-        send(fd, greeting, sizeof greeting - 1, MSG_NOSIGNAL);
-    });
+    TlsServer server(pki_.server_cert(), pki_.server_key(), TlsServer::Mode::Plain,
+                     [](SSL*, int fd) {
+                         const char greeting[] = "220 plain ESMTP\r\n";
+                         send(fd, greeting, sizeof greeting - 1, MSG_NOSIGNAL);
+                     });
     EXPECT_EQ(start(server, {.server_name = "mx.kemail.test", .verify = false}), -1);
     EXPECT_EQ(std::string(reason_).rfind("handshake failed: ", 0), 0u) << reason_;
 }
@@ -150,9 +154,8 @@ TEST_F(TlsSessionTest, AClosedConnectionReadsAsEnd) {
 }
 
 TEST_F(TlsSessionTest, SendingToAClosedPeerFailsWithoutSignal) {
-    TlsServer server(pki_.server_cert(), pki_.server_key(), tls(), [](SSL*, int fd) {
-        shutdown(fd, SHUT_RDWR);
-    });
+    TlsServer server(pki_.server_cert(), pki_.server_key(), tls(),
+                     [](SSL*, int fd) { shutdown(fd, SHUT_RDWR); });
     ASSERT_EQ(start(server, {.server_name = "mx.kemail.test", .verify = false}), 0) << reason_;
     usleep(100000);
     std::string block(256 * 1024, 'x');
@@ -174,9 +177,10 @@ TEST_F(TlsSessionTest, AWaitForDataThatNeverComesTimesOut) {
 
 TEST_F(TlsSessionTest, AnUnreadableCaFileIsNamed) {
     TlsServer server(pki_.server_cert(), pki_.server_key(), tls(), [](SSL*, int) {});
-    EXPECT_EQ(start(server, {.server_name = "mx.kemail.test", .verify = true,
-                             .ca_file = "/nonexistent/ca.pem"}),
-              -1);
+    EXPECT_EQ(
+        start(server,
+              {.server_name = "mx.kemail.test", .verify = true, .ca_file = "/nonexistent/ca.pem"}),
+        -1);
     EXPECT_STREQ(reason_, "CA file /nonexistent/ca.pem could not be read");
     close(fd_);
     fd_ = -1;

@@ -32,8 +32,8 @@ TEST(Example, SendsAMail) {
                             .send("250 queued\r\n")
                             .read_line()
                             .send("221 bye\r\n"));
-    const tools_test::ToolResult run = example("127.0.0.1 " + std::to_string(server.port()) +
-                                        " a@example.com b@example.com");
+    const tools_test::ToolResult run =
+        example("127.0.0.1 " + std::to_string(server.port()) + " a@example.com b@example.com");
     ASSERT_TRUE(server.wait_done());
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(run.out, "sent: result 0\n");
@@ -44,8 +44,8 @@ TEST(Example, SendsAMail) {
 
 TEST(Example, ReportsARefusal) {
     ScriptServer server(Script().send("554 no service\r\n").drain());
-    const tools_test::ToolResult run = example("127.0.0.1 " + std::to_string(server.port()) +
-                                        " a@example.com b@example.com");
+    const tools_test::ToolResult run =
+        example("127.0.0.1 " + std::to_string(server.port()) + " a@example.com b@example.com");
     server.wait_done();
     EXPECT_EQ(run.status, 1);
     EXPECT_NE(run.err.find("not sent: result -6, detail \"554 no service"), std::string::npos)

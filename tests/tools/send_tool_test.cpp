@@ -27,18 +27,14 @@ bool has(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
-ToolResult send(const std::string& args) {
-    return tools_test::run("kemail-send", args);
-}
+ToolResult send(const std::string& args) { return tools_test::run("kemail-send", args); }
 
 std::string to_server(const ScriptServer& server) {
     return "--from a@example.com --server 127.0.0.1 --port " + std::to_string(server.port());
 }
 
 // Greeting and EHLO without AUTH; then the test's own steps.
-Script greeted() {
-    return Script().send("220 test ESMTP\r\n").read_line().send("250 test\r\n");
-}
+Script greeted() { return Script().send("220 test ESMTP\r\n").read_line().send("250 test\r\n"); }
 
 // A whole accepted transaction for one recipient, from MAIL FROM on.
 Script& accept_mail(Script& script, int recipients) {
@@ -106,17 +102,20 @@ TEST(SendTool, UsageErrorsNameTheOption) {
 TEST(SendTool, UnreadableAttachmentIsNamed) {
     TempDir dir;
     const std::string missing = dir.file("missing.bin");
-    const ToolResult run = send("--from a@x --to b@x --server 127.0.0.1 --attach " + quote(missing));
+    const ToolResult run =
+        send("--from a@x --to b@x --server 127.0.0.1 --attach " + quote(missing));
     EXPECT_EQ(run.status, EX_NOINPUT);
     EXPECT_TRUE(has(run.err, "--attach " + missing + ": cannot read: No such file or directory"))
         << run.err;
-    const ToolResult dir_run = send("--from a@x --to b@x --server 127.0.0.1 --attach " + quote(dir.path()));
+    const ToolResult dir_run =
+        send("--from a@x --to b@x --server 127.0.0.1 --attach " + quote(dir.path()));
     EXPECT_EQ(dir_run.status, EX_NOINPUT);
     EXPECT_TRUE(has(dir_run.err, dir.path() + ": not a regular file")) << dir_run.err;
 }
 
 TEST(SendTool, MissingBodyFileIsNamed) {
-    const ToolResult run = send("--from a@x --to b@x --server 127.0.0.1 --body /nonexistent/body.txt");
+    const ToolResult run =
+        send("--from a@x --to b@x --server 127.0.0.1 --body /nonexistent/body.txt");
     EXPECT_EQ(run.status, EX_NOINPUT);
     EXPECT_TRUE(has(run.err, "--body /nonexistent/body.txt: cannot read")) << run.err;
 }
@@ -183,8 +182,10 @@ TEST(SendTool, MailTakenWithoutAuthWarnsAndRequireAuthFails) {
     TempDir dir;
     const std::string password = dir.file("password");
     write_file(password, "wrong\n");
-    const std::string auth = " --to b@example.com --user u --auth-mechanisms plain "
-                             "--password-file " + quote(password);
+    const std::string auth =
+        " --to b@example.com --user u --auth-mechanisms plain "
+        "--password-file " +
+        quote(password);
     {
         ScriptServer server(refuses_auth_then_accepts());
         const ToolResult run = send(to_server(server) + auth);
@@ -215,8 +216,10 @@ TEST(SendTool, AuthRefusedAndMailRefusedIsNoPerm) {
                             .read_line()
                             .send("530 5.7.0 authentication required\r\n")
                             .drain());
-    const ToolResult run = send(to_server(server) + " --to b@example.com --user u --auth-mechanisms plain "
-                         "--password-file " + quote(password));
+    const ToolResult run = send(to_server(server) +
+                                " --to b@example.com --user u --auth-mechanisms plain "
+                                "--password-file " +
+                                quote(password));
     server.wait_done();
     EXPECT_EQ(run.status, EX_NOPERM) << run.err;
     EXPECT_TRUE(has(run.err, "KEMAIL_E_AUTH_REFUSED (-25)")) << run.err;
@@ -230,8 +233,8 @@ TEST(SendTool, ConnectionRefusedIsTempFailWithErrnoText) {
         ScriptServer closed(Script().bound_ms(1));  // a port nobody listens on afterwards
         port = closed.port();
     }
-    const ToolResult run = send("--from a@x --to b@x --server 127.0.0.1 --port " +
-                         std::to_string(port) + " --json");
+    const ToolResult run =
+        send("--from a@x --to b@x --server 127.0.0.1 --port " + std::to_string(port) + " --json");
     EXPECT_EQ(run.status, EX_TEMPFAIL) << run.err;
     EXPECT_TRUE(has(run.err, "KEMAIL_E_UNREACHABLE (-10)")) << run.err;
     EXPECT_TRUE(has(run.err, "errno 111 ECONNREFUSED: Connection refused")) << run.err;

@@ -59,7 +59,8 @@ ToolResult run(const std::string& name, const std::string& args, const std::stri
     if (pipe) {
         char buffer[4096];
         size_t got;
-        while ((got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) result.out.append(buffer, got);
+        while ((got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0)
+            result.out.append(buffer, got);
         const int status = ::pclose(pipe);
         result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }

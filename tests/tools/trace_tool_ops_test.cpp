@@ -53,7 +53,8 @@ protected:
 TEST_F(TraceOps, ErrnoWordsAndResultsAreDecoded) {
     const ToolResult run = trace(quote(failed_send("a.trc")));
     EXPECT_EQ(run.status, 0) << run.err;
-    EXPECT_TRUE(has(run.out, "smtp0040 6f 00 00 00  |o...| = errno 111 ECONNREFUSED (Connection refused)\n"))
+    EXPECT_TRUE(has(run.out,
+                    "smtp0040 6f 00 00 00  |o...| = errno 111 ECONNREFUSED (Connection refused)\n"))
         << run.out;
     EXPECT_TRUE(has(run.out, "ACERTFFFF f6 ff ff ff  |....| = result -10 KEMAIL_E_UNREACHABLE\n"))
         << run.out;
@@ -125,7 +126,8 @@ TEST_F(TraceOps, JsonOneObjectPerRecord) {
     EXPECT_EQ(count_lines(run.out), 1u) << run.out;
     EXPECT_TRUE(has(run.out, "\"code\":\"smtp0040\"")) << run.out;
     EXPECT_TRUE(has(run.out, "\"data_hex\":\"6f000000\"")) << run.out;
-    EXPECT_TRUE(has(run.out, "\"decoded\":\"errno 111 ECONNREFUSED (Connection refused)\"")) << run.out;
+    EXPECT_TRUE(has(run.out, "\"decoded\":\"errno 111 ECONNREFUSED (Connection refused)\""))
+        << run.out;
     EXPECT_TRUE(has(run.out, "\"failure\":true")) << run.out;
 }
 

@@ -235,9 +235,8 @@ TEST(Interrupted, FileReadIsRepeated) {
     int pipe_fds[2];
     ASSERT_EQ(pipe(pipe_fds), 0);
     const int writer = pipe_fds[1];
-    std::thread helper = InterruptingSignal::interrupt_then(pthread_self(), 3, [writer] {
-        EXPECT_EQ(write(writer, "late", 4), 4);
-    });
+    std::thread helper = InterruptingSignal::interrupt_then(
+        pthread_self(), 3, [writer] { EXPECT_EQ(write(writer, "late", 4), 4); });
     char buf[8] = {};
     EXPECT_EQ(FileRead(pipe_fds[0], buf, sizeof buf), 4);
     helper.join();
@@ -294,9 +293,8 @@ TEST(Interrupted, FileOpenReadIsRepeated) {
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     // Opening a FIFO for reading blocks until a writer comes.
     int writer = -1;
-    std::thread helper = InterruptingSignal::interrupt_then(pthread_self(), 3, [&fifo, &writer] {
-        writer = open(fifo.c_str(), O_WRONLY);
-    });
+    std::thread helper = InterruptingSignal::interrupt_then(
+        pthread_self(), 3, [&fifo, &writer] { writer = open(fifo.c_str(), O_WRONLY); });
     const int fd = FileOpenRead(fifo.c_str());
     helper.join();
     EXPECT_GE(fd, 0);

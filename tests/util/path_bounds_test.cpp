@@ -107,16 +107,24 @@ TEST_F(PathBounds, FileCopyRefusesLongPathsBeforeTouchingAnything) {
     const std::string new_dir = dir_.file("dst");
     const std::string long_name(1100, 'n');
 
-    expect_refused([&] { EXPECT_EQ(FileCopy(long_dir.c_str(), new_dir.c_str(), "f", nullptr), -1); });
-    expect_refused([&] { EXPECT_EQ(FileCopy(source_dir.c_str(), long_dir.c_str(), "f", nullptr), -1); });
-    expect_refused([&] { EXPECT_EQ(FileCopy(source_dir.c_str(), new_dir.c_str(), long_name.c_str(), nullptr), -1); });
-    expect_refused([&] { EXPECT_EQ(FileCopy(source_dir.c_str(), new_dir.c_str(), "f", long_name.c_str()), -1); });
+    expect_refused(
+        [&] { EXPECT_EQ(FileCopy(long_dir.c_str(), new_dir.c_str(), "f", nullptr), -1); });
+    expect_refused(
+        [&] { EXPECT_EQ(FileCopy(source_dir.c_str(), long_dir.c_str(), "f", nullptr), -1); });
+    expect_refused([&] {
+        EXPECT_EQ(FileCopy(source_dir.c_str(), new_dir.c_str(), long_name.c_str(), nullptr), -1);
+    });
+    expect_refused([&] {
+        EXPECT_EQ(FileCopy(source_dir.c_str(), new_dir.c_str(), "f", long_name.c_str()), -1);
+    });
     // Each part fits, the joined path does not.
     const std::string deep_dir = path_of_length(dir_.path(), kLongest - 2);
-    expect_refused([&] { EXPECT_EQ(FileCopy(source_dir.c_str(), deep_dir.c_str(), "ff", nullptr), -1); });
+    expect_refused(
+        [&] { EXPECT_EQ(FileCopy(source_dir.c_str(), deep_dir.c_str(), "ff", nullptr), -1); });
     // The joined target fits, but its backup name would not.
     const std::string near_dir = path_of_length(dir_.path(), kLongest - 4);
-    expect_refused([&] { EXPECT_EQ(FileCopy(source_dir.c_str(), near_dir.c_str(), "f", nullptr), -1); });
+    expect_refused(
+        [&] { EXPECT_EQ(FileCopy(source_dir.c_str(), near_dir.c_str(), "f", nullptr), -1); });
 
     struct stat status;
     EXPECT_EQ(stat(new_dir.c_str(), &status), -1) << "nothing may be made for a refused copy";

@@ -78,9 +78,7 @@ TEST(DLL, OpensLooksUpAndCloses) {
     EXPECT_EQ(DLLClose(library), 0);
 }
 
-TEST(DLL, MissingLibraryGivesNull) {
-    EXPECT_EQ(DLLOpen("libkemail-no-such-library.so"), nullptr);
-}
+TEST(DLL, MissingLibraryGivesNull) { EXPECT_EQ(DLLOpen("libkemail-no-such-library.so"), nullptr); }
 
 TEST(DLL, NullArgumentsAreRefused) {
     EXPECT_NE(DLLClose(nullptr), 0);
