@@ -7,7 +7,7 @@ set -euo pipefail
 
 PACKAGES=(
   # build and analysis tools
-  cmake g++ clang libclang-rt-14-dev make libgtest-dev libbenchmark-dev pkg-config valgrind strace
+  cmake g++ clang clang-format libclang-rt-14-dev make libgtest-dev libbenchmark-dev pkg-config valgrind strace
   # OpenSSL's headers (the public header must compile beside <openssl/md5.h>)
   libssl-dev
   # packaging and manuals: Debian packages, lintian, man, bash-completion

@@ -4,8 +4,11 @@
 # waits a real minute for a time-out, the peers ones use real mail servers),
 # then builds again with AddressSanitizer and UndefinedBehaviorSanitizer and
 # runs the unit tests once more, and runs every fuzz target for a short time
-# (scripts/fuzz.sh, $KEMAIL_FUZZ_SECONDS each, default 20). Exits non-zero
-# when anything failed.
+# (scripts/fuzz.sh, $KEMAIL_FUZZ_SECONDS each, default 20). Around them: the
+# source checks first (formatting, banned calls, Kept comments), then every
+# build type with GCC and clang, and the Debian packages built, installed,
+# used and purged. Prints how long each step took. Exits non-zero when
+# anything failed.
 # Build directories: $KEMAIL_BUILD_DIR (build) and $KEMAIL_ASAN_BUILD_DIR
 # (build-asan), relative to the repository root.
 set -uo pipefail
@@ -19,7 +22,24 @@ summary=()
 passed_total=0
 failed_total=0
 
-step() { printf '\n== %s\n' "$*"; }
+step_started=$SECONDS
+step() {
+  [ "$SECONDS" -gt "$step_started" ] && printf '(%d s)\n' $((SECONDS - step_started))
+  step_started=$SECONDS
+  printf '\n== %s\n' "$*"
+}
+
+# check NAME COMMAND...: a step that passes or fails as a whole.
+check() {
+  local name=$1
+  shift
+  if "$@"; then
+    summary+=("$name: passed")
+  else
+    summary+=("$name: FAILED")
+    status=1
+  fi
+}
 
 # build DIR CMAKE-OPTION...: configure and build; the compiler's output is
 # shown only when something fails.
@@ -61,6 +81,9 @@ step "dependencies"
 bash scripts/install-deps.sh || exit 1
 echo "all packages present"
 
+step "source checks (formatting, banned calls, Kept comments)"
+check "source checks" bash scripts/check-source.sh
+
 step "build ($build_dir, -Wall -Wextra -Werror)"
 if build "$build_dir" -DKEMAIL_SANITIZE=OFF -DKEMAIL_BENCH=ON; then
   step "tests ($build_dir: every test, the slow and real-peer ones included)"
@@ -87,6 +110,12 @@ else
   summary+=("fuzz: a target failed (scripts/fuzz.sh output above)")
   status=1
 fi
+
+step "every build type with GCC and clang"
+check "build matrix" bash scripts/build-matrix.sh
+
+step "Debian packages: build, install, send, build the example, purge"
+check "packages" bash scripts/ci-packaging.sh
 
 step "summary"
 printf '%s\n' "${summary[@]}"
