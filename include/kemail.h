@@ -159,11 +159,13 @@ KEMAIL_API int ZvKe_SendEMailPartial_parts(unsigned int ulReserved, MailAddressI
 
 /* Sets one setting beyond the designed behaviour for this process, taking
  * precedence over section KEMAIL of kemail.ini; a null value removes the
- * override. Keys: INPUT_CHARSET (UTF-8), TLS (none, starttls, smtps),
- * TLS_VERIFY (0, 1), TLS_CA_FILE (a path), TLS_SERVER_NAME (a host name),
- * POP_TLS (none, stls, pop3s), ADDRESS_FAMILY (ipv4, any), PIPELINING (0, 1).
- * Returns 0, or -1 for an unknown key or a value it does not accept (nothing
- * changes then). */
+ * override. Returns 0, or -1 for an unknown key, a key whose behaviour this
+ * version does not have, or a value it does not accept (nothing changes
+ * then). Planned keys: INPUT_CHARSET (UTF-8), TLS (none, starttls, smtps),
+ * TLS_VERIFY (0, 1), TLS_CA_FILE, TLS_SERVER_NAME, POP_TLS (none, stls,
+ * pop3s), ADDRESS_FAMILY (ipv4, any), PIPELINING (0, 1). This version has
+ * none of them yet: every key answers -1, so that a caller who asks for TLS
+ * learns it is not there instead of sending in clear. */
 KEMAIL_API int ZvKe_SetOption(const char* key, const char* value);
 
 /* ------------------------------------------------------------------------ */

@@ -1,5 +1,7 @@
 #include "options/options.h"
 
+#include "util/mutex_lock.h"
+
 #include "util/util.h"
 
 #include <strings.h>
@@ -50,13 +52,6 @@ using Layer = std::array<Slot, kKeyCount>;
 // another sends.
 pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
 
-class Locked {
-public:
-    Locked() { pthread_mutex_lock(&g_lock); }
-    ~Locked() { pthread_mutex_unlock(&g_lock); }
-    Locked(const Locked&) = delete;
-    Locked& operator=(const Locked&) = delete;
-};
 Layer g_overrides;
 Layer g_file;
 
@@ -157,7 +152,7 @@ int set_override(const char* key, const char* value) noexcept {
     Key which{};
     if (!find_key(key, which)) return -1;
     if (value != nullptr && !acceptable(which, value)) return -1;
-    const Locked guard;
+    const MutexLock guard(g_lock);
     Slot& slot = g_overrides[static_cast<size_t>(which)];
     if (value == nullptr) {
         slot = Slot{};
@@ -179,13 +174,13 @@ void load_from_profile(ProfileHandle* profile) noexcept {
             }
         }
     }
-    const Locked guard;
+    const MutexLock guard(g_lock);
     g_file = loaded;
 }
 
 Settings current() noexcept {
     Settings settings;
-    const Locked guard;
+    const MutexLock guard(g_lock);
     for (const KeyName& entry : kKeys) {
         const size_t i = static_cast<size_t>(entry.key);
         const Slot& chosen = g_overrides[i].set ? g_overrides[i] : g_file[i];
@@ -197,7 +192,7 @@ Settings current() noexcept {
 void take_every_key_for_tests(bool on) noexcept { g_every_key_for_tests = on; }
 
 void reset() noexcept {
-    const Locked guard;
+    const MutexLock guard(g_lock);
     g_overrides = Layer{};
     g_file = Layer{};
 }

@@ -1,5 +1,7 @@
 #include "tls/channel.h"
 
+#include "util/mutex_lock.h"
+
 #include <pthread.h>
 #include <sys/stat.h>
 
@@ -19,14 +21,6 @@ struct Entry {
 
 Entry g_entries[kSlots];
 pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
-
-class Locked {
-public:
-    Locked() { pthread_mutex_lock(&g_lock); }
-    ~Locked() { pthread_mutex_unlock(&g_lock); }
-    Locked(const Locked&) = delete;
-    Locked& operator=(const Locked&) = delete;
-};
 
 bool identify(int fd, ino_t& inode, dev_t& device) {
     struct stat st;
@@ -60,13 +54,13 @@ Entry* find(int fd) {
 }  // namespace
 
 TlsSession* session_for(int fd) noexcept {
-    const Locked guard;
+    const MutexLock guard(g_lock);
     Entry* entry = find(fd);
     return entry != nullptr ? entry->session : nullptr;
 }
 
 bool attach(int fd, TlsSession* session) noexcept {
-    const Locked guard;
+    const MutexLock guard(g_lock);
     ino_t inode;
     dev_t device;
     if (!identify(fd, inode, device)) {
@@ -85,7 +79,7 @@ bool attach(int fd, TlsSession* session) noexcept {
 }
 
 void release(int fd) noexcept {
-    const Locked guard;
+    const MutexLock guard(g_lock);
     if (Entry* entry = find(fd)) {
         entry->session->finish();
         drop(*entry);
