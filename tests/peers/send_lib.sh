@@ -13,9 +13,10 @@ send_require_tools() {
   [ -x /usr/bin/python3 ] || peers_skip_or_fail "Debian's /usr/bin/python3 is missing"
 }
 
-# send_mail NAME ARGS...: runs "kemail-send ARGS..." in a fresh private root,
-# bounded to 120 s. Leaves in $SEND_WORK/NAME/: out (its output), err, rc (its
-# exit status) and tmp (what stayed in /var/opt/QRZNvolta/tmp afterwards).
+# send_mail NAME ARGS...: runs "kemail-send --json ARGS..." in a fresh private
+# root, bounded to 120 s. Leaves in $SEND_WORK/NAME/: out (its JSON result),
+# err (its messages), rc (its exit status) and tmp (what stayed in
+# /var/opt/QRZNvolta/tmp afterwards).
 send_mail() {
   local dir="$SEND_WORK/$1"
   shift
@@ -25,24 +26,39 @@ send_mail() {
     out=$1; shift
     "$@" >"$out/out" 2>"$out/err"
     echo $? >"$out/rc"
-    ls -A /var/opt/QRZNvolta/tmp >"$out/tmp"' send-in-root "$dir" "$SEND_TOOL" "$@"
+    ls -A /var/opt/QRZNvolta/tmp >"$out/tmp"' send-in-root "$dir" "$SEND_TOOL" --json "$@"
   [ -f "$dir/rc" ] || echo "timed out or the private root failed" >"$dir/rc"
   sed 's/^/    | /' "$dir/out" "$dir/err"
 }
 
-# send_result_is NAME CODE: the send printed "result: ... (CODE)", exited
-# with the status that goes with it (0 for a code >= 0, else 1) and wrote
-# nothing to stderr (where a sanitizer would report).
-send_result_is() {
-  local dir="$SEND_WORK/$1" status=1
-  [ "$2" -ge 0 ] && status=0
-  grep -qE "^result: [A-Z_]+ \\($2\\)\$" "$dir/out" &&
-    [ "$(cat "$dir/rc")" = "$status" ] && [ ! -s "$dir/err" ]
+# send_json_field NAME FIELD: one field of the send's JSON result.
+send_json_field() {
+  /usr/bin/python3 -c 'import json, sys; print(json.load(open(sys.argv[1]))[sys.argv[2]])' \
+    "$SEND_WORK/$1/out" "$2" 2>/dev/null
 }
 
-# send_detail_matches NAME REGEX: the detail line matches REGEX (grep -E).
+# send_result_is NAME CODE: the send's result was CODE, it exited with the
+# status its JSON names (0 for a code >= 0 unless the relay skipped the
+# authentication, else a sysexits code), said nothing on stderr when it
+# succeeded, and no sanitizer reported on stderr in any case.
+send_result_is() {
+  local dir="$SEND_WORK/$1" rc code exit_status
+  rc=$(cat "$dir/rc")
+  code=$(send_json_field "$1" code) || return 1
+  exit_status=$(send_json_field "$1" exit) || return 1
+  [ "$code" = "$2" ] && [ "$rc" = "$exit_status" ] || return 1
+  if [ "$2" -eq 0 ]; then
+    [ "$rc" = 0 ] && [ ! -s "$dir/err" ]
+  else
+    [ "$2" -gt 0 ] || [ "$rc" != 0 ] || return 1
+    ! grep -qE 'Sanitizer|runtime error' "$dir/err"
+  fi
+}
+
+# send_detail_matches NAME REGEX: the detail of the result matches REGEX
+# (grep -E, anchored at its start).
 send_detail_matches() {
-  grep -qE "^detail: $2" "$SEND_WORK/$1/out"
+  send_json_field "$1" detail | grep -qE "^$2"
 }
 
 # send_left_no_work_files NAME: /var/opt/QRZNvolta/tmp was empty afterwards.
