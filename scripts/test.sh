@@ -4,7 +4,7 @@
 # waits a real minute for a time-out, the peers ones use real mail servers),
 # then builds again with AddressSanitizer and UndefinedBehaviorSanitizer and
 # runs the unit tests once more, and runs every fuzz target for a short time
-# (scripts/fuzz.sh, $KEMAIL_FUZZ_SECONDS each, default 20). Around them: the
+# (scripts/fuzz.sh, $KEMAIL_FUZZ_SECONDS each, default 10). Around them: the
 # source checks first (formatting, banned calls, Kept comments), then every
 # build type with GCC and clang, and the Debian packages built, installed,
 # used and purged. Prints how long each step took. Exits non-zero when
@@ -102,7 +102,7 @@ else
   status=1
 fi
 
-fuzz_seconds=${KEMAIL_FUZZ_SECONDS:-20}
+fuzz_seconds=${KEMAIL_FUZZ_SECONDS:-10}
 step "fuzz (build-fuzz: every libFuzzer target for $fuzz_seconds s)"
 if bash scripts/fuzz.sh "$fuzz_seconds"; then
   summary+=("fuzz: every target ran $fuzz_seconds s without a failure")

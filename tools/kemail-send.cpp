@@ -10,6 +10,7 @@
 // in the process list): from KEMAIL_PASSWORD / KEMAIL_POP_PASSWORD or from a
 // file.
 #include "kemail.h"
+#include "text_join.h"
 
 #include <fcntl.h>
 #include <getopt.h>
@@ -44,14 +45,7 @@
 
 namespace {
 
-// Joins text pieces by appending. Used instead of "literal" + std::string&&,
-// in which GCC 12 at -O2 reports a false -Wrestrict overlap.
-template <typename... Parts>
-std::string cat(const Parts&... parts) {
-    std::string out;
-    ((out += parts), ...);
-    return out;
-}
+using tools::cat;
 
 const char kProgram[] = "kemail-send";
 const char kLogDir[] = "/var/opt/QRZNvolta/log";

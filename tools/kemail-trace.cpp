@@ -3,6 +3,7 @@
 // their names, result codes, resolver codes). Parsing lives in
 // trace_reader.{h,cpp}; this file chooses, decodes and prints.
 #include "trace_reader.h"
+#include "text_join.h"
 
 #include "kemail.h"
 
@@ -30,14 +31,7 @@
 
 namespace {
 
-// Joins text pieces by appending. Used instead of "literal" + std::string&&,
-// in which GCC 12 at -O2 reports a false -Wrestrict overlap.
-template <typename... Parts>
-std::string cat(const Parts&... parts) {
-    std::string out;
-    ((out += parts), ...);
-    return out;
-}
+using tools::cat;
 
 const char kUsage[] =
     "Usage: kemail-trace [options] FILE...\n"

@@ -1,4 +1,5 @@
 #include "trace_reader.h"
+#include "text_join.h"
 
 #include <algorithm>
 #include <cstring>
@@ -7,14 +8,7 @@
 namespace trace_reader {
 namespace {
 
-// Joins text pieces by appending. Used instead of "literal" + std::string&&,
-// in which GCC 12 at -O2 reports a false -Wrestrict overlap.
-template <typename... Parts>
-std::string cat(const Parts&... parts) {
-    std::string out;
-    ((out += parts), ...);
-    return out;
-}
+using tools::cat;
 
 constexpr size_t kHeaderSize = 4;
 constexpr size_t kMarkerSize = 4;
