@@ -18,7 +18,8 @@ out=$PWD/out/demo
 prefix=$out/prefix
 # A Postfix of its own, with state and ports apart from the tests' servers.
 export KEMAIL_PEERS_STATE=${KEMAIL_DEMO_PEERS_STATE:-/tmp/kemail-demo-peers}
-export KEMAIL_PEER_SMTP_OPEN_PORT=26025 KEMAIL_PEER_SMTP_AUTH_PORT=26587 KEMAIL_PEER_SMTP_POPAUTH_PORT=26026
+export KEMAIL_PEER_SMTP_OPEN_PORT=26025 KEMAIL_PEER_SMTP_AUTH_PORT=26587 KEMAIL_PEER_SMTP_POPAUTH_PORT=26026 \
+  KEMAIL_PEER_SMTP_STARTTLS_PORT=26588 KEMAIL_PEER_SMTPS_PORT=26465
 source scripts/peers/env.sh
 export DEMO_REPO=$PWD DEMO_OUT=$out DEMO_BIN=$prefix/bin DEMO_BUILD=$(realpath -m "$build_dir") PYTHONIOENCODING=utf-8
 
