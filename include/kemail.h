@@ -166,7 +166,7 @@ KEMAIL_API int ZvKe_SendEMailPartial_parts(unsigned int ulReserved, MailAddressI
  * pop3s), ADDRESS_FAMILY (ipv4, any), PIPELINING (0, 1). This version has
  * none of them yet: every key answers -1, so that a caller who asks for TLS
  * learns it is not there instead of sending in clear. */
-KEMAIL_API int ZvKe_SetOption(const char* key, const char* value);
+KEMAIL_API int ZvKe_SetOption(const char* key, const char* value) KEMAIL_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
 /* Trace files.                                                             */
@@ -283,10 +283,10 @@ typedef struct KEMAIL_MD5_CTX {
     unsigned char buffer[64];
 } KEMAIL_MD5_CTX;
 
-KEMAIL_API void MD5Init(KEMAIL_MD5_CTX* pContext);
+KEMAIL_API void MD5Init(KEMAIL_MD5_CTX* pContext) KEMAIL_NOEXCEPT;
 KEMAIL_API void MD5Update(KEMAIL_MD5_CTX* pContext, const unsigned char* pInput,
-                          unsigned int ulLength);
-KEMAIL_API void MD5Final(unsigned char digest[16], KEMAIL_MD5_CTX* pContext);
+                          unsigned int ulLength) KEMAIL_NOEXCEPT;
+KEMAIL_API void MD5Final(unsigned char digest[16], KEMAIL_MD5_CTX* pContext) KEMAIL_NOEXCEPT;
 KEMAIL_API void hmac_md5(const unsigned char* pText, int lTextLen, const unsigned char* pKey,
                          int lKeyLen, unsigned char digest[16]) KEMAIL_NOEXCEPT;
 

@@ -199,6 +199,6 @@ void reset() noexcept {
 
 }  // namespace kemail::options
 
-extern "C" KEMAIL_API int ZvKe_SetOption(const char* key, const char* value) {
+extern "C" KEMAIL_API int ZvKe_SetOption(const char* key, const char* value) noexcept {
     return kemail::options::set_override(key, value);
 }

@@ -141,7 +141,7 @@ void transform(uint32_t state[4], const unsigned char block[64]) {
 
 extern "C" {
 
-KEMAIL_API void MD5Init(KEMAIL_MD5_CTX* pContext) {
+KEMAIL_API void MD5Init(KEMAIL_MD5_CTX* pContext) noexcept {
     pContext->count[0] = pContext->count[1] = 0;
     pContext->state[0] = 0x67452301;
     pContext->state[1] = 0xefcdab89;
@@ -150,7 +150,7 @@ KEMAIL_API void MD5Init(KEMAIL_MD5_CTX* pContext) {
 }
 
 KEMAIL_API void MD5Update(KEMAIL_MD5_CTX* pContext, const unsigned char* pInput,
-                          unsigned int ulLength) {
+                          unsigned int ulLength) noexcept {
     unsigned index = (pContext->count[0] >> 3) & 0x3F;
     if ((pContext->count[0] += (static_cast<uint32_t>(ulLength) << 3)) <
         (static_cast<uint32_t>(ulLength) << 3)) {
@@ -169,7 +169,7 @@ KEMAIL_API void MD5Update(KEMAIL_MD5_CTX* pContext, const unsigned char* pInput,
     if (ulLength > i) std::memcpy(&pContext->buffer[index], &pInput[i], ulLength - i);
 }
 
-KEMAIL_API void MD5Final(unsigned char digest[16], KEMAIL_MD5_CTX* pContext) {
+KEMAIL_API void MD5Final(unsigned char digest[16], KEMAIL_MD5_CTX* pContext) noexcept {
     unsigned char bits[8];
     encode(bits, pContext->count, 8);
     const unsigned index = (pContext->count[0] >> 3) & 0x3f;
