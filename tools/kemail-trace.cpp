@@ -373,7 +373,19 @@ struct Line {
     size_t file;
     uint32_t key;  // the record's time; a note takes that of the record before it
     trace_reader::Item item;
+    // smtp0050 carries the connected socket, unless it follows a failed
+    // attempt (smtp0040): then it is the give-up record with its errno. The
+    // file keeps no levels, so the record before it tells them apart.
+    bool connected = false;
 };
+
+std::string decode_line(const Line& line) {
+    if (!line.connected) return decode(line.item.record);
+    int32_t value = 0;
+    return word_of(line.item.record.data, &value) ? cat("socket ", std::to_string(value)) : "";
+}
+
+bool line_is_failure(const Line& line) { return !line.connected && is_failure(line.item.record); }
 
 }  // namespace
 
@@ -464,9 +476,15 @@ int main(int argc, char** argv) {
             ring.items.push_back(none);
         }
         uint32_t key = 0;
+        std::string previous;
         for (trace_reader::Item& item : ring.items) {
-            if (item.is_record) key = item.record.time;
-            lines.push_back({f, key, std::move(item)});
+            bool connected = false;
+            if (item.is_record) {
+                key = item.record.time;
+                connected = item.record.code == "smtp0050" && previous != "smtp0040";
+                previous = item.record.code;
+            }
+            lines.push_back({f, key, std::move(item), connected});
         }
     }
     // Merge by time; a file's own order stays (its ring order is oldest first).
@@ -483,7 +501,7 @@ int main(int argc, char** argv) {
             continue;
         }
         const Record& r = line.item.record;
-        if (failures && !is_failure(r)) continue;
+        if (failures && !line_is_failure(line)) continue;
         if (have_since && static_cast<time_t>(r.time) < since) continue;
         if (!grep.empty()) {
             std::string code = r.code;
@@ -497,13 +515,14 @@ int main(int argc, char** argv) {
 
     if (summary) {
         const Record* result = nullptr;
-        const Record* failure = nullptr;
+        const Line* failure = nullptr;
         const Record* reply = nullptr;
         for (const Line* line : chosen) {
             const Record& r = line->item.record;
             if (r.code == "ACERTFFFF") result = &r;
             const CodeInfo* info = code_info(r.code);
-            if (is_failure(r) && !(info && info->layout == Layout::PublicResult)) failure = &r;
+            if (line_is_failure(*line) && !(info && info->layout == Layout::PublicResult))
+                failure = line;
             if (is_reply(r.data)) reply = &r;
         }
         auto show = [](const char* label, const Record* r, const std::string& what) {
@@ -515,9 +534,11 @@ int main(int argc, char** argv) {
                         code_text(r->code).c_str(), what.empty() ? "" : " ", what.c_str());
         };
         show("result:", result, result ? decode(*result) : "");
-        show(
-            "last failing step:", failure,
-            failure ? (decode(*failure).empty() ? one_line(failure->data) : decode(*failure)) : "");
+        const Record* failed = failure ? &failure->item.record : nullptr;
+        show("last failing step:", failed,
+             failure
+                 ? (decode_line(*failure).empty() ? one_line(failed->data) : decode_line(*failure))
+                 : "");
         show("server's last reply:", reply, reply ? one_line(reply->data) : "");
         return 0;
     }
@@ -539,7 +560,7 @@ int main(int argc, char** argv) {
             continue;
         }
         const Record& r = line->item.record;
-        const std::string decoded = decode(r);
+        const std::string decoded = decode_line(*line);
         if (json) {
             std::printf(
                 "{%s\"time\":%u,\"time_text\":%s,\"code\":%s,\"data_hex\":%s,"
@@ -548,7 +569,7 @@ int main(int argc, char** argv) {
                 json_string(time_text(r.time)).c_str(), json_string(r.code).c_str(),
                 json_string(hex_of(r.data)).c_str(), json_string(r.data).c_str(),
                 decoded.empty() ? "null" : json_string(decoded).c_str(),
-                is_failure(r) ? "true" : "false", r.offset);
+                line_is_failure(*line) ? "true" : "false", r.offset);
             continue;
         }
         std::string text = prefix + time_text(r.time) + " " + code_text(r.code);

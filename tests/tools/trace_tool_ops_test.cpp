@@ -50,6 +50,29 @@ protected:
     TempDir dir_;
 };
 
+// smtp0050 is written twice over: at level 1 with the connected socket, and
+// at level 0 with the errno of the connect that failed for good. Only the
+// second follows a failed attempt (smtp0040).
+TEST_F(TraceOps, AConnectedSocketIsNotReadAsAnErrno) {
+    const std::string path = dir_.file("connected.trc");
+    TraceHandle* handle = Topen(path.c_str(), 8, 2);
+    ASSERT_NE(handle, nullptr);
+    Twrite(handle, 1, "smtp0000", "127.0.0.1", 9);
+    const uint32_t socket = 6;
+    Twrite(handle, 1, "smtp0050", &socket, sizeof socket);
+    const int32_t result = KEMAIL_OK;
+    Twrite(handle, 1, "ACERTFFFF", &result, sizeof result);
+    ASSERT_EQ(Tclose(handle), 0);
+
+    ToolResult run = trace(quote(path));
+    EXPECT_TRUE(has(run.out, "smtp0050 06 00 00 00  |....| = socket 6\n")) << run.out;
+    EXPECT_FALSE(has(run.out, "ENXIO")) << run.out;
+    run = trace("--failures " + quote(path));
+    EXPECT_FALSE(has(run.out, "smtp0050")) << run.out;
+    run = trace("--failures " + quote(failed_send("failed.trc")));
+    EXPECT_TRUE(has(run.out, "smtp0050 6f 00 00 00  |o...| = errno 111 ECONNREFUSED")) << run.out;
+}
+
 TEST_F(TraceOps, ErrnoWordsAndResultsAreDecoded) {
     const ToolResult run = trace(quote(failed_send("a.trc")));
     EXPECT_EQ(run.status, 0) << run.err;
