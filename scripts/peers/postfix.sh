@@ -121,17 +121,19 @@ kemail_auth_only = permit_sasl_authenticated, check_client_access static:{530 5.
 # Relay rule of the POP-before-SMTP listener.
 kemail_popauth_relay = check_client_access hash:$conf/popauth, reject_unauth_destination
 CONF
+  # The options of every listener that requires AUTH (MAIL without it: 530).
+  local auth_required='  -o smtpd_sasl_auth_enable=yes
+  -o smtpd_delay_reject=no
+  -o smtpd_sender_restrictions=$kemail_auth_only
+  -o smtpd_relay_restrictions=$kemail_auth_only
+  -o smtpd_recipient_restrictions=$kemail_auth_only'
   cat >"$conf/master.cf" <<CONF
 # No service is chrooted: a chroot would need copies of /etc files.
 $KEMAIL_PEER_HOST:$KEMAIL_PEER_SMTP_OPEN_PORT inet n - n - - smtpd
   -o syslog_name=postfix/open
 $KEMAIL_PEER_HOST:$KEMAIL_PEER_SMTP_AUTH_PORT inet n - n - - smtpd
   -o syslog_name=postfix/auth
-  -o smtpd_sasl_auth_enable=yes
-  -o smtpd_delay_reject=no
-  -o smtpd_sender_restrictions=\$kemail_auth_only
-  -o smtpd_relay_restrictions=\$kemail_auth_only
-  -o smtpd_recipient_restrictions=\$kemail_auth_only
+$auth_required
 $KEMAIL_PEER_HOST:$KEMAIL_PEER_SMTP_POPAUTH_PORT inet n - n - - smtpd
   -o syslog_name=postfix/popauth
   -o mynetworks=
@@ -140,20 +142,12 @@ $KEMAIL_PEER_HOST:$KEMAIL_PEER_SMTP_STARTTLS_PORT inet n - n - - smtpd
   -o syslog_name=postfix/starttls
   -o smtpd_tls_security_level=may
   -o smtpd_tls_auth_only=yes
-  -o smtpd_sasl_auth_enable=yes
-  -o smtpd_delay_reject=no
-  -o smtpd_sender_restrictions=\$kemail_auth_only
-  -o smtpd_relay_restrictions=\$kemail_auth_only
-  -o smtpd_recipient_restrictions=\$kemail_auth_only
+$auth_required
 $KEMAIL_PEER_HOST:$KEMAIL_PEER_SMTPS_PORT inet n - n - - smtpd
   -o syslog_name=postfix/smtps
   -o smtpd_tls_wrappermode=yes
   -o smtpd_tls_security_level=encrypt
-  -o smtpd_sasl_auth_enable=yes
-  -o smtpd_delay_reject=no
-  -o smtpd_sender_restrictions=\$kemail_auth_only
-  -o smtpd_relay_restrictions=\$kemail_auth_only
-  -o smtpd_recipient_restrictions=\$kemail_auth_only
+$auth_required
 $ipv6_listener
 tlsmgr     unix  - - n 1000? 1 tlsmgr
 pickup     unix  n - n 60   1 pickup

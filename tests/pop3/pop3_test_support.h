@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <unistd.h>
@@ -37,33 +38,30 @@ public:
         handle_ = nullptr;
     }
 
-    // Records are "SSSS", time, zero word, the code, then "XXXX" and data or
-    // directly "EEEE". A fresh file of this size never wraps in these tests.
+    // The codes of every record, in the order written. Closes the file.
     std::vector<std::string> codes() {
-        close();
-        const std::string file = kemail_test::read_file(path_);
         std::vector<std::string> out;
-        for (size_t at = file.find("SSSS", 4); at != std::string::npos;
-             at = file.find("SSSS", at + 4)) {
-            const size_t code_at = at + 12;
-            if (code_at > file.size()) break;
-            const size_t data = file.find("XXXX", code_at);
-            const size_t end = file.find("EEEE", code_at);
-            const size_t stop = std::min(data, end);
-            if (stop == std::string::npos) break;
-            out.push_back(file.substr(code_at, stop - code_at));
-            // Skip the data block, which may hold "SSSS" by chance.
-            if (end != std::string::npos) at = end;
-        }
+        for (const auto& record : records()) out.push_back(record.first);
         return out;
     }
 
     // The data of every record with this code, in the order written (empty
     // for a record without data). Closes the file like codes().
     std::vector<std::string> data_of(const std::string& code) {
+        std::vector<std::string> out;
+        for (const auto& record : records())
+            if (record.first == code) out.push_back(record.second);
+        return out;
+    }
+
+private:
+    // Every record as (code, data). Records are "SSSS", time, zero word, the
+    // code, then "XXXX" and data or directly "EEEE". A fresh file of this
+    // size never wraps in these tests.
+    std::vector<std::pair<std::string, std::string>> records() {
         close();
         const std::string file = kemail_test::read_file(path_);
-        std::vector<std::string> out;
+        std::vector<std::pair<std::string, std::string>> out;
         for (size_t at = file.find("SSSS", 4); at != std::string::npos;
              at = file.find("SSSS", at + 4)) {
             const size_t code_at = at + 12;
@@ -72,15 +70,14 @@ public:
             const size_t end = file.find("EEEE", code_at);
             const size_t stop = std::min(data, end);
             if (stop == std::string::npos) break;
-            if (file.compare(code_at, stop - code_at, code) == 0 && stop - code_at == code.size()) {
-                out.push_back(data < end ? file.substr(data + 4, end - data - 4) : std::string());
-            }
+            out.emplace_back(file.substr(code_at, stop - code_at),
+                             data < end ? file.substr(data + 4, end - data - 4) : std::string());
+            // Skip the data block, which may hold "SSSS" by chance.
             if (end != std::string::npos) at = end;
         }
         return out;
     }
 
-private:
     std::string path_;
     TraceHandle* handle_ = nullptr;
 };
