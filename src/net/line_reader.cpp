@@ -1,6 +1,7 @@
 // One line from a socket, waiting with select, without taking anything that
 // follows the line's end.
 #include "net/net.h"
+#include "net/stream.h"
 
 #include <cerrno>
 #include <cstring>
@@ -24,7 +25,7 @@ constexpr size_t kPeekSize = KEMAIL_RECV_BUF_SIZE;
 // stream, or -1.
 ssize_t take_line_bytes(int sock, char* dst, size_t room, char prev, LineEnd end) {
     char peeked[kPeekSize];
-    const ssize_t got = ::recv(sock, peeked, room < sizeof peeked ? room : sizeof peeked, MSG_PEEK);
+    const ssize_t got = stream_peek(sock, peeked, room < sizeof peeked ? room : sizeof peeked);
     if (got <= 0) return got;
     size_t want = static_cast<size_t>(got);
     for (const char* lf = peeked;
@@ -36,7 +37,7 @@ ssize_t take_line_bytes(int sock, char* dst, size_t room, char prev, LineEnd end
             break;
         }
     }
-    return ::recv(sock, dst, want, 0);
+    return stream_recv(sock, dst, want);
 }
 
 bool line_ended(const char* buf, size_t count, LineEnd end) {
@@ -59,7 +60,10 @@ LineRead read_line(int sock, char* buf, size_t capacity, LineEnd end, LineWait& 
     while (count < capacity) {
         fd_set readable = watched;
         struct timeval left = wait;
-        const int selected = ::select(sock + 1, &readable, nullptr, nullptr, &left);
+        // Bytes a TLS session has already decrypted are not on the socket:
+        // waiting for it would stall on a reply that has arrived.
+        const int selected =
+            stream_buffered(sock) ? 1 : ::select(sock + 1, &readable, nullptr, nullptr, &left);
         const int select_error = errno;
         if (selected < 0) {
             if (select_error != EINTR) {

@@ -4,6 +4,7 @@
 
 #include "log/trace_record.h"
 #include "net/net.h"
+#include "net/stream.h"
 #include "pop3/pop3_internal.h"
 
 #include <cerrno>
@@ -71,10 +72,8 @@ int Pop3_Send(int sock, const char* bytes, int length, int* err, TraceHandle* tr
     *err = 0;
     int sent = 0;
     while (sent < length) {
-        // MSG_NOSIGNAL: a server that has gone away must give EPIPE here,
-        // not a SIGPIPE that would end the calling process.
         const ssize_t n =
-            ::send(sock, bytes + sent, static_cast<size_t>(length - sent), MSG_NOSIGNAL);
+            kemail::net::stream_send(sock, bytes + sent, static_cast<size_t>(length - sent));
         if (n < 0) {
             if (errno == EINTR) {
                 kemail::trace(trace, 0, "Pop3_0b10");

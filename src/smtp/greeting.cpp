@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <strings.h>
 
 #include <unistd.h>
 
@@ -57,7 +58,32 @@ int introduce_with_helo(int sock, const char* host, const MailAuthInfo* auth,
     return 0;
 }
 
+unsigned s_ehlo_extensions = 0;
+
+// The extension a reply line names: its keyword, the text after "250-" or
+// "250 " up to a space or the line's end, compared without regard to case.
+unsigned extension_named(const char* line, size_t length) {
+    static constexpr struct {
+        const char* keyword;
+        unsigned bit;
+    } kKnown[] = {{"STARTTLS", kExtStartTls}, {"PIPELINING", kExtPipelining}};
+    if (length < 4) return 0;
+    const char* keyword = line + 4;
+    size_t keyword_length = 0;
+    while (4 + keyword_length < length && keyword[keyword_length] != ' ' &&
+           keyword[keyword_length] != '\r' && keyword[keyword_length] != '\n')
+        ++keyword_length;
+    for (const auto& known : kKnown) {
+        if (keyword_length == std::strlen(known.keyword) &&
+            strncasecmp(keyword, known.keyword, keyword_length) == 0)
+            return known.bit;
+    }
+    return 0;
+}
+
 }  // namespace
+
+unsigned kemail::smtp::ehlo_extensions() noexcept { return s_ehlo_extensions; }
 
 extern "C" {
 
@@ -69,6 +95,7 @@ KEMAIL_API int SMTP_readEhloReply(int lSock, char* pszCapability, unsigned int* 
     if (!pulErr) pulErr = &scratch;
     trace(g_trace, 1, "AUTHR0000");
     *pulErr = 0;
+    s_ehlo_extensions = 0;
     bool refused = false;
     for (;;) {
         const int result = SMTP_recv(lSock, s_szRecvBuf, KEMAIL_RECV_BUF_SIZE, pulErr);
@@ -85,6 +112,7 @@ KEMAIL_API int SMTP_readEhloReply(int lSock, char* pszCapability, unsigned int* 
             trace_data(g_trace, 0, "AUTHR0010", line.text, line.length);
             refused = true;
         }
+        s_ehlo_extensions |= extension_named(line.text, line.length);
         if (std::strncmp(s_szRecvBuf + 4, "AUTH ", 5) == 0) {
             // A line that filled the reply buffer is cut by one byte here to
             // keep the capability text terminated (test

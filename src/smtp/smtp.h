@@ -102,6 +102,15 @@ struct ExchangeCodes {
 int exchange(int sock, int length, const ExchangeCodes& codes, unsigned int* pulErr,
              const char* logged = nullptr);
 
+// Service extensions (RFC 1869) the last EHLO reply announced, besides AUTH
+// whose line is kept whole for the mechanisms. Only the settings beyond the
+// designed dialogue look at them.
+enum EhloExtension : unsigned {
+    kExtStartTls = 1u << 0,
+    kExtPipelining = 1u << 1,
+};
+unsigned ehlo_extensions() noexcept;
+
 // Holds message data back while it streams, so that it leaves in full
 // segments although the session runs with TCP_NODELAY; removing the cork
 // pushes out what is left. (Not a TCP socket: nothing happens.)

@@ -3,6 +3,7 @@
 #include "kemail.h"
 #include "log/trace_record.h"
 #include "net/net.h"
+#include "net/stream.h"
 #include "smtp/smtp.h"
 #include "smtp/smtp_buffers.h"
 #include "util/util.h"
@@ -62,10 +63,8 @@ KEMAIL_API int SMTP_send(int lSock, const char* pData, int lLength, unsigned int
     int zero_sends = 0;
     int interrupted = 0;
     for (;;) {
-        // MSG_NOSIGNAL: a peer that has gone away must give EPIPE here, not
-        // a SIGPIPE that would end the calling agent's process.
         const ssize_t result =
-            send(lSock, pData + sent, static_cast<size_t>(lLength - sent), MSG_NOSIGNAL);
+            kemail::net::stream_send(lSock, pData + sent, static_cast<size_t>(lLength - sent));
         if (result > 0) {
             sent += static_cast<int>(result);
             if (sent >= lLength) {

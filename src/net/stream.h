@@ -1,0 +1,28 @@
+// The bytes of a connected session socket: plain TCP, or the TLS session
+// that was started on it. Every read and write of the SMTP session and the
+// POP3 client goes through here, so that the layers above never ask which.
+#pragma once
+
+#include <cstddef>
+
+#include <sys/types.h>
+
+namespace kemail::net {
+
+// Like send(MSG_NOSIGNAL): the count written (possibly short), or -1 with
+// errno. A peer that has gone away gives EPIPE, never SIGPIPE.
+ssize_t stream_send(int sock, const char* data, size_t length);
+
+// Like recv with MSG_PEEK: the bytes waiting, left in place; 0 at end of
+// stream, -1 with errno.
+ssize_t stream_peek(int sock, char* buf, size_t length);
+
+// Like recv: takes up to length bytes; 0 at end of stream, -1 with errno.
+ssize_t stream_recv(int sock, char* buf, size_t length);
+
+// True when bytes are already buffered above the socket (decrypted and not
+// yet taken), so that a wait for the socket to become readable would miss
+// them.
+bool stream_buffered(int sock);
+
+}  // namespace kemail::net
