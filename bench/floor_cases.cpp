@@ -2,13 +2,23 @@
 // minimal C client of floor_client.c against the same sink, in the same
 // process, so that the two figures of one run can be compared directly.
 //
-//   BM_Floor_HundredMiBWhole  coreutils base64 of the 100 MiB file, then the
-//                             finished message sent in one transaction
-//   BM_Floor_HundredMiBSplit  the same message cut into 64 KiB pieces, one
-//                             transaction and RSET each (five round trips)
-//   BM_Floor_ThousandSmall    1000 small mails, a new connection each
+//   BM_Floor_HundredMiBWhole  coreutils `base64 -w 76` of the 100 MiB file
+//                             run as a child process writing to /tmp (the
+//                             encoding), then the finished message, made
+//                             once beforehand, sent in one transaction
+//   BM_Floor_HundredMiBSplit  the finished message cut into 64 KiB pieces,
+//                             one transaction and RSET each (five round
+//                             trips), over one connection
+//   BM_Floor_OneSmall         one 1 KiB alert over a new connection
+//   BM_Floor_ThousandSmall    1000 such alerts, a new connection each
+//
+// Each in clear (/plain) and over STARTTLS (/starttls, the client verifying
+// the sink's test certificate); the split case also with the commands
+// pipelined (/pipelining: MAIL FROM, RCPT TO and DATA in one write, the RSET
+// of a piece with the next piece's MAIL FROM, two round trips a piece).
 #include "bench_files.h"
 #include "floor_client.h"
+#include "measure.h"
 #include "sink.h"
 
 #include <benchmark/benchmark.h>
@@ -27,20 +37,40 @@ extern char** environ;
 namespace {
 
 using bench::Clock;
-using bench::sink;
+using bench::kFrom;
+using bench::kTo;
 
-constexpr char kFrom[] = "bench@example.test";
-constexpr char kTo[] = "rcpt@example.test";
+enum class Mode { Plain, Pipelining, StartTls };
+
+// Opens a floor session with the sink of the mode; false (and the case
+// skipped) when that fails.
+bool open_session(benchmark::State& state, floor_session& session, Mode mode) {
+    int opened = -1;
+    if (mode == Mode::StartTls) {
+        bench::TlsBench& tls = bench::tls();
+        if (!tls.ok()) {
+            state.SkipWithError("the TLS sink could not be set up (openssl command, test PKI)");
+            return false;
+        }
+        opened = floor_open(&session, tls.sink().port(), tls.client(), tls.kServerName);
+    } else {
+        opened = floor_open(&session, bench::sink().port(), nullptr, nullptr);
+    }
+    if (opened != 0) state.SkipWithError("the floor client could not open a session");
+    return opened == 0;
+}
 
 // Runs `base64 -w 76 FILE > OUT`; true when it exited 0.
 bool run_base64(const std::string& file, const std::string& out) {
     posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (posix_spawn_file_actions_init(&actions) != 0) return false;
     const char* argv[] = {"base64", "-w", "76", file.c_str(), nullptr};
     pid_t child = -1;
-    const int spawned =
-        posix_spawnp(&child, "base64", &actions, nullptr, const_cast<char* const*>(argv), environ);
+    const int spawned = posix_spawn_file_actions_addopen(&actions, 1, out.c_str(),
+                                                         O_WRONLY | O_CREAT | O_TRUNC, 0600) == 0
+                            ? posix_spawnp(&child, "base64", &actions, nullptr,
+                                           const_cast<char* const*>(argv), environ)
+                            : -1;
     posix_spawn_file_actions_destroy(&actions);
     if (spawned != 0) return false;
     int status = 0;
@@ -74,7 +104,7 @@ const std::string& finished_message() {
     return message;
 }
 
-void BM_Floor_HundredMiBWhole(benchmark::State& state) {
+void BM_Floor_HundredMiBWhole(benchmark::State& state, Mode mode) {
     const std::string& message = finished_message();
     if (message.empty()) {
         state.SkipWithError("base64 of the attachment failed");
@@ -82,71 +112,127 @@ void BM_Floor_HundredMiBWhole(benchmark::State& state) {
     }
     const std::string encoded = "/tmp/kemail-bench-floor-" + std::to_string(getpid()) + ".tmp";
     double base64_s = 0, client_s = 0;
+    const bench::CpuMeter cpu;
     for (auto _ : state) {
         const auto start = Clock::now();
         const bool encoded_ok = run_base64(bench::attachment(100), encoded);
         const auto mid = Clock::now();
-        const int sock = floor_open(sink().port());
-        const int sent = floor_transaction(sock, kFrom, kTo, message.data(), message.size(), 0);
-        floor_close(sock);
+        floor_session session;
+        if (!encoded_ok || !open_session(state, session, mode)) {
+            if (!encoded_ok) state.SkipWithError("coreutils base64 failed");
+            break;
+        }
+        const int sent = floor_transaction(&session, kFrom, kTo, message.data(), message.size(), 0);
+        floor_close(&session);
         const auto end = Clock::now();
-        if (!encoded_ok || sock < 0 || sent != 0) {
-            state.SkipWithError("the floor client failed");
+        if (sent != 0) {
+            state.SkipWithError("the floor client's transaction failed");
             break;
         }
         base64_s += std::chrono::duration<double>(mid - start).count();
         client_s += std::chrono::duration<double>(end - mid).count();
     }
     std::remove(encoded.c_str());
+    cpu.report(state);
     const double n = static_cast<double>(state.iterations());
     state.counters["base64_s"] = base64_s / n;
     state.counters["client_s"] = client_s / n;
 }
-BENCHMARK(BM_Floor_HundredMiBWhole)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK_CAPTURE(BM_Floor_HundredMiBWhole, plain, Mode::Plain)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(BM_Floor_HundredMiBWhole, starttls, Mode::StartTls)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
-void BM_Floor_HundredMiBSplit(benchmark::State& state) {
+void BM_Floor_HundredMiBSplit(benchmark::State& state, Mode mode) {
     const std::string& message = finished_message();
     if (message.empty()) {
         state.SkipWithError("base64 of the attachment failed");
         return;
     }
-    constexpr size_t kPiece = 64 * 1024;
+    constexpr size_t kPiece = bench::kPieceKib * 1024;
     const size_t pieces = (message.size() + kPiece - 1) / kPiece;
+    const int flags = FLOOR_RESET | (mode == Mode::Pipelining ? FLOOR_PIPELINE : 0);
+    const bench::CpuMeter cpu;
     for (auto _ : state) {
-        const int sock = floor_open(sink().port());
-        int failed = sock < 0;
+        floor_session session;
+        if (!open_session(state, session, mode)) return;
+        bool failed = false;
         for (size_t i = 0; i < pieces && !failed; ++i) {
             const size_t offset = i * kPiece;
             const size_t length = std::min(kPiece, message.size() - offset);
-            failed = floor_transaction(sock, kFrom, kTo, message.data() + offset, length, 1) != 0;
+            failed = floor_transaction(&session, kFrom, kTo, message.data() + offset, length,
+                                       flags) != 0;
         }
-        floor_close(sock);
+        floor_close(&session);
         if (failed) {
-            state.SkipWithError("the floor client failed");
-            break;
+            state.SkipWithError("the floor client's transaction failed");
+            return;
         }
     }
+    cpu.report(state);
     state.counters["pieces"] = static_cast<double>(pieces);
-    state.counters["round_trips"] = static_cast<double>(pieces * 5);
+    state.counters["round_trips"] =
+        static_cast<double>(pieces * (mode == Mode::Pipelining ? 2 : 5));
 }
-BENCHMARK(BM_Floor_HundredMiBSplit)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK_CAPTURE(BM_Floor_HundredMiBSplit, plain, Mode::Plain)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(BM_Floor_HundredMiBSplit, pipelining, Mode::Pipelining)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(BM_Floor_HundredMiBSplit, starttls, Mode::StartTls)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
-void BM_Floor_ThousandSmall(benchmark::State& state) {
-    const std::string message = bench::small_message();
-    for (auto _ : state) {
-        for (int i = 0; i < 1000; ++i) {
-            const int sock = floor_open(sink().port());
-            const int sent = floor_transaction(sock, kFrom, kTo, message.data(), message.size(), 0);
-            floor_close(sock);
-            if (sock < 0 || sent != 0) {
-                state.SkipWithError("the floor client failed");
-                return;
-            }
+// `count` small mails, a new connection each; false when one failed.
+bool small_mails(benchmark::State& state, Mode mode, const std::string& message, int count) {
+    for (int i = 0; i < count; ++i) {
+        floor_session session;
+        if (!open_session(state, session, mode)) return false;
+        const int sent = floor_transaction(&session, kFrom, kTo, message.data(), message.size(), 0);
+        floor_close(&session);
+        if (sent != 0) {
+            state.SkipWithError("the floor client's transaction failed");
+            return false;
         }
     }
+    return true;
+}
+
+void BM_Floor_OneSmall(benchmark::State& state, Mode mode) {
+    const std::string message = bench::small_message();
+    const bench::CpuMeter cpu;
+    for (auto _ : state) {
+        if (!small_mails(state, mode, message, 1)) return;
+    }
+    cpu.report(state);
+}
+BENCHMARK_CAPTURE(BM_Floor_OneSmall, plain, Mode::Plain)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(BM_Floor_OneSmall, starttls, Mode::StartTls)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime();
+
+void BM_Floor_ThousandSmall(benchmark::State& state, Mode mode) {
+    const std::string message = bench::small_message();
+    const bench::CpuMeter cpu;
+    for (auto _ : state) {
+        if (!small_mails(state, mode, message, 1000)) return;
+    }
+    cpu.report(state);
     state.counters["mails_per_s"] = benchmark::Counter(
         1000.0 * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
-BENCHMARK(BM_Floor_ThousandSmall)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK_CAPTURE(BM_Floor_ThousandSmall, plain, Mode::Plain)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(3);
+BENCHMARK_CAPTURE(BM_Floor_ThousandSmall, starttls, Mode::StartTls)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(2);
 
 }  // namespace

@@ -1,4 +1,7 @@
+#define _GNU_SOURCE /* memmem */
 #include "floor_client.h"
+
+#include <openssl/ssl.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -8,11 +11,19 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-enum { kChunk = 256 * 1024, kReplySize = 1024 };
+enum { kChunk = 256 * 1024 };
 
-static int send_all(int sock, const char* data, size_t length) {
+static int send_all(floor_session* s, const char* data, size_t length) {
     while (length > 0) {
-        const ssize_t n = send(sock, data, length, MSG_NOSIGNAL);
+        const size_t part = length < kChunk ? length : kChunk;
+        if (s->ssl) {
+            /* A blocking SSL_write returns only when all of part is sent. */
+            if (SSL_write(s->ssl, data, (int)part) != (int)part) return -1;
+            data += part;
+            length -= part;
+            continue;
+        }
+        const ssize_t n = send(s->sock, data, part, MSG_NOSIGNAL);
         if (n <= 0) return -1;
         data += n;
         length -= (size_t)n;
@@ -20,75 +31,128 @@ static int send_all(int sock, const char* data, size_t length) {
     return 0;
 }
 
+static ssize_t receive(floor_session* s, char* into, size_t room) {
+    if (s->ssl) {
+        const int n = SSL_read(s->ssl, into, (int)room);
+        return n > 0 ? n : -1;
+    }
+    return recv(s->sock, into, room, 0);
+}
+
 /* Reads one reply (a multi-line one to its last line) and returns its first
- * digit, or 0 on a closed or failed socket. */
-static char read_reply(int sock) {
-    char reply[kReplySize];
-    size_t used = 0;
+ * digit, or 0 on a closed or failed connection. Bytes after the reply (the
+ * next replies of a pipelined group) stay for the next call. */
+static char read_reply(floor_session* s) {
+    char digit = 0;
     for (;;) {
-        const ssize_t n = recv(sock, reply + used, sizeof reply - 1 - used, 0);
-        if (n <= 0) return 0;
-        used += (size_t)n;
-        reply[used] = '\0';
-        /* The last line is the one whose fourth character is not '-'. */
-        const char* line = reply;
+        size_t start = 0;
         for (;;) {
-            const char* end = strstr(line, "\r\n");
+            const char* line = s->replies + start;
+            const char* end = memmem(line, s->used - start, "\r\n", 2);
             if (!end) break;
-            if (end - line >= 4 && line[3] != '-') return reply[0];
-            if (end - line < 4) return reply[0];
-            line = end + 2;
+            if (!digit) digit = line[0];
+            start = (size_t)(end + 2 - s->replies);
+            /* The last line is the one whose fourth character is not '-'. */
+            if (end - line < 4 || line[3] != '-') {
+                memmove(s->replies, s->replies + start, s->used - start);
+                s->used -= start;
+                return digit;
+            }
         }
-        if (used == sizeof reply - 1) {
-            /* Keep only the unfinished line. */
-            const size_t keep = used - (size_t)(line - reply);
-            memmove(reply, line, keep);
-            used = keep;
-        }
+        /* Continuation lines are done with: keep only the unfinished one. */
+        memmove(s->replies, s->replies + start, s->used - start);
+        s->used -= start;
+        if (s->used == sizeof s->replies) return 0; /* a line longer than any reply */
+        const ssize_t n = receive(s, s->replies + s->used, sizeof s->replies - s->used);
+        if (n <= 0) return 0;
+        s->used += (size_t)n;
     }
 }
 
-static int command(int sock, const char* line, char expected) {
-    if (send_all(sock, line, strlen(line)) != 0) return -1;
-    return read_reply(sock) == expected ? 0 : -1;
+static int command(floor_session* s, const char* line, char expected) {
+    if (send_all(s, line, strlen(line)) != 0) return -1;
+    return read_reply(s) == expected ? 0 : -1;
 }
 
-int floor_open(uint16_t port) {
-    const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (sock < 0) return -1;
+static void close_session(floor_session* s) {
+    if (s->ssl) {
+        SSL_free(s->ssl);
+        s->ssl = NULL;
+    }
+    if (s->sock >= 0) close(s->sock);
+    s->sock = -1;
+}
+
+static int start_tls(floor_session* s, SSL_CTX* tls, const char* server_name) {
+    if (command(s, "STARTTLS\r\n", '2') != 0 || s->used != 0) return -1;
+    s->ssl = SSL_new(tls);
+    if (!s->ssl || SSL_set_fd(s->ssl, s->sock) != 1 ||
+        SSL_set_tlsext_host_name(s->ssl, server_name) != 1 ||
+        SSL_set1_host(s->ssl, server_name) != 1 || SSL_connect(s->ssl) != 1) {
+        return -1;
+    }
+    return command(s, "EHLO floor\r\n", '2');
+}
+
+int floor_open(floor_session* s, uint16_t port, SSL_CTX* tls, const char* server_name) {
+    memset(s, 0, sizeof *s);
+    s->sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (s->sock < 0) return -1;
     const int one = 1;
-    setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     struct sockaddr_in addr;
     memset(&addr, 0, sizeof addr);
     addr.sin_family = AF_INET;
     addr.sin_port = htons(port);
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(sock, (struct sockaddr*)&addr, sizeof addr) != 0 || read_reply(sock) != '2' ||
-        command(sock, "EHLO floor\r\n", '2') != 0) {
-        close(sock);
+    if (setsockopt(s->sock, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one) != 0 ||
+        connect(s->sock, (struct sockaddr*)&addr, sizeof addr) != 0 || read_reply(s) != '2' ||
+        command(s, "EHLO floor\r\n", '2') != 0 || (tls && start_tls(s, tls, server_name) != 0)) {
+        close_session(s);
         return -1;
     }
-    return sock;
+    return 0;
 }
 
-int floor_transaction(int sock, const char* from, const char* to, const char* message,
-                      size_t length, int reset) {
-    char line[512];
-    int n = snprintf(line, sizeof line, "MAIL FROM:<%s>\r\n", from);
-    if (n < 0 || (size_t)n >= sizeof line || command(sock, line, '2') != 0) return -1;
-    n = snprintf(line, sizeof line, "RCPT TO:<%s>\r\n", to);
-    if (n < 0 || (size_t)n >= sizeof line || command(sock, line, '2') != 0) return -1;
-    if (command(sock, "DATA\r\n", '3') != 0) return -1;
-    for (size_t done = 0; done < length; done += kChunk) {
-        const size_t part = length - done < kChunk ? length - done : kChunk;
-        if (send_all(sock, message + done, part) != 0) return -1;
+int floor_transaction(floor_session* s, const char* from, const char* to, const char* message,
+                      size_t length, int flags) {
+    char group[1024];
+    const int n = snprintf(group, sizeof group, "%sMAIL FROM:<%s>\r\nRCPT TO:<%s>\r\nDATA\r\n",
+                           s->reset_pending ? "RSET\r\n" : "", from, to);
+    if (n < 0 || (size_t)n >= sizeof group) return -1;
+    if (flags & FLOOR_PIPELINE) {
+        if (send_all(s, group, (size_t)n) != 0) return -1;
+        if (s->reset_pending && read_reply(s) != '2') return -1;
+        s->reset_pending = 0;
+        if (read_reply(s) != '2' || read_reply(s) != '2' || read_reply(s) != '3') return -1;
+    } else {
+        /* The same lines one at a time, each after the reply to the last. */
+        const int lines = 3 + s->reset_pending;
+        const char* line = group;
+        s->reset_pending = 0;
+        for (int i = 0; i < lines; ++i) {
+            const char* end = strstr(line, "\r\n") + 2;
+            if (send_all(s, line, (size_t)(end - line)) != 0) return -1;
+            if (read_reply(s) != (i == lines - 1 ? '3' : '2')) return -1;
+            line = end;
+        }
     }
-    if (command(sock, "\r\n.\r\n", '2') != 0) return -1;
-    return reset ? command(sock, "RSET\r\n", '2') : 0;
+    if (send_all(s, message, length) != 0 || command(s, "\r\n.\r\n", '2') != 0) return -1;
+    if (!(flags & FLOOR_RESET)) return 0;
+    if (flags & FLOOR_PIPELINE) {
+        s->reset_pending = 1;
+        return 0;
+    }
+    return command(s, "RSET\r\n", '2');
 }
 
-void floor_close(int sock) {
-    if (sock < 0) return;
-    command(sock, "QUIT\r\n", '2');
-    close(sock);
+void floor_close(floor_session* s) {
+    if (s->sock < 0) return;
+    if (s->reset_pending) {
+        /* RSET and QUIT go together; both replies are read. */
+        if (send_all(s, "RSET\r\nQUIT\r\n", 12) == 0 && read_reply(s) == '2') read_reply(s);
+    } else {
+        command(s, "QUIT\r\n", '2');
+    }
+    if (s->ssl) SSL_shutdown(s->ssl);
+    close_session(s);
 }

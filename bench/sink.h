@@ -1,9 +1,15 @@
 // A do-nothing SMTP server on 127.0.0.1 for the benchmarks: one connection
-// at a time, every command answered at once, message data discarded.
+// at a time, every command answered at once, message data discarded. It
+// announces PIPELINING and, when given an OpenSSL server context, STARTTLS.
 #pragma once
+
+#include "tls/test_pki.h"
+
+#include <openssl/ssl.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -24,7 +31,9 @@ using Clock = std::chrono::steady_clock;
 // into composing (before the connection) and the session (after).
 class Sink {
 public:
-    explicit Sink(uint16_t port = 0) {
+    // With tls null the sink speaks in clear only; otherwise it offers
+    // STARTTLS with that context's certificate.
+    explicit Sink(uint16_t port = 0, SSL_CTX* tls = nullptr) : tls_(tls) {
         listen_fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         const int one = 1;
         setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
@@ -53,6 +62,7 @@ public:
         return Clock::time_point(Clock::duration(accepted_.load()));
     }
     unsigned long messages() const { return messages_.load(); }
+    unsigned long handshakes() const { return handshakes_.load(); }
 
 private:
     void run() {
@@ -68,10 +78,40 @@ private:
         }
     }
 
-    static bool say(int fd, const char* text) {
-        const size_t length = std::strlen(text);
-        return send(fd, text, length, MSG_NOSIGNAL) == static_cast<ssize_t>(length);
-    }
+    // One accepted connection, in clear or (after STARTTLS) over TLS. Replies
+    // are collected and written together when the received bytes are used
+    // up, as a server that supports pipelining answers a command group.
+    struct Connection {
+        int fd;
+        SSL* ssl = nullptr;
+        std::string out;
+
+        explicit Connection(int socket) : fd(socket) {}
+        ~Connection() {
+            if (ssl) {
+                SSL_shutdown(ssl);
+                SSL_free(ssl);
+            }
+        }
+        void say(const char* text) { out += text; }
+        bool flush() {
+            size_t done = 0;
+            while (done < out.size()) {
+                const size_t left = out.size() - done;
+                const ssize_t n = ssl ? SSL_write(ssl, out.data() + done, static_cast<int>(left))
+                                      : send(fd, out.data() + done, left, MSG_NOSIGNAL);
+                if (n <= 0) return false;
+                done += static_cast<size_t>(n);
+            }
+            out.clear();
+            return true;
+        }
+        ssize_t receive(char* into, size_t room) {
+            if (!ssl) return recv(fd, into, room, 0);
+            const int n = SSL_read(ssl, into, static_cast<int>(std::min<size_t>(room, INT32_MAX)));
+            return n > 0 ? n : -1;
+        }
+    };
 
     // Looks for the end of message data in data[0, n): returns the bytes up to
     // and including the mark, or 0 when the mark is not complete yet.
@@ -102,14 +142,19 @@ private:
     }
 
     void serve(int fd) {
-        if (!say(fd, "220 sink ESMTP\r\n")) return;
+        const int one = 1;
+        if (setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one) != 0) return;
+        Connection connection(fd);
+        connection.say("220 sink ESMTP\r\n");
+        if (!connection.flush()) return;
         static thread_local char buffer[256 * 1024];
         std::string line;
         bool in_data = false;
         size_t matched = 0;
         for (;;) {
-            const ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+            const ssize_t n = connection.receive(buffer, sizeof buffer);
             if (n <= 0) return;
+            bool start_tls = false;
             for (ssize_t i = 0; i < n; ++i) {
                 if (in_data) {
                     // The end mark is looked for with memmem rather than byte by
@@ -120,40 +165,110 @@ private:
                     i += static_cast<ssize_t>(used) - 1;
                     in_data = false;
                     ++messages_;
-                    if (!say(fd, "250 OK\r\n")) return;
+                    connection.say("250 OK\r\n");
                     continue;
                 }
                 const char c = buffer[i];
                 line.push_back(c);
                 if (c != '\n') continue;
                 if (line.rfind("EHLO", 0) == 0) {
-                    if (!say(fd, "250-sink\r\n250 8BITMIME\r\n")) return;
+                    connection.say(tls_ && !connection.ssl
+                                       ? "250-sink\r\n250-PIPELINING\r\n250-STARTTLS\r\n"
+                                         "250 8BITMIME\r\n"
+                                       : "250-sink\r\n250-PIPELINING\r\n250 8BITMIME\r\n");
                 } else if (line.rfind("DATA", 0) == 0) {
                     in_data = true;
                     matched = 2;  // the command's CR LF starts the end mark
-                    if (!say(fd, "354 go ahead\r\n")) return;
+                    connection.say("354 go ahead\r\n");
                 } else if (line.rfind("QUIT", 0) == 0) {
-                    say(fd, "221 bye\r\n");
+                    connection.say("221 bye\r\n");
+                    connection.flush();
                     return;
-                } else if (!say(fd, "250 OK\r\n")) {
-                    return;
+                } else if (tls_ && !connection.ssl && line.rfind("STARTTLS", 0) == 0) {
+                    // Bytes sent after STARTTLS before the handshake are an
+                    // attack (RFC 3207, section 5): drop the connection.
+                    if (i + 1 != n) return;
+                    connection.say("220 ready to start TLS\r\n");
+                    start_tls = true;
+                } else {
+                    connection.say("250 OK\r\n");
                 }
                 line.clear();
+            }
+            if (!connection.flush()) return;
+            if (start_tls) {
+                connection.ssl = SSL_new(tls_);
+                if (!connection.ssl || SSL_set_fd(connection.ssl, fd) != 1 ||
+                    SSL_accept(connection.ssl) != 1) {
+                    return;
+                }
+                ++handshakes_;
             }
         }
     }
 
+    SSL_CTX* tls_ = nullptr;
     int listen_fd_ = -1;
     uint16_t port_ = 0;
     std::thread thread_;
     std::atomic<bool> stopping_{false};
     std::atomic<Clock::rep> accepted_{0};
     std::atomic<unsigned long> messages_{0};
+    std::atomic<unsigned long> handshakes_{0};
 };
 
 // The process's one sink, started at first use.
 inline Sink& sink() {
     static Sink instance;
+    return instance;
+}
+
+// What the TLS cases share, made at first use: a test CA and a server
+// certificate for mx.kemail.test made with the openssl command, a sink that
+// offers STARTTLS with it, and a client context that trusts only that CA
+// and asks for TLS 1.2 at least (as the library does).
+class TlsBench {
+public:
+    static constexpr const char* kServerName = "mx.kemail.test";
+
+    TlsBench() {
+        if (!pki_.ok()) return;
+        server_ = SSL_CTX_new(TLS_server_method());
+        client_ = SSL_CTX_new(TLS_client_method());
+        if (!server_ || !client_ ||
+            SSL_CTX_use_certificate_file(server_, pki_.server_cert().c_str(), SSL_FILETYPE_PEM) !=
+                1 ||
+            SSL_CTX_use_PrivateKey_file(server_, pki_.server_key().c_str(), SSL_FILETYPE_PEM) !=
+                1 ||
+            SSL_CTX_load_verify_locations(client_, pki_.ca().c_str(), nullptr) != 1 ||
+            SSL_CTX_set_min_proto_version(client_, TLS1_2_VERSION) != 1) {
+            return;
+        }
+        SSL_CTX_set_verify(client_, SSL_VERIFY_PEER, nullptr);
+        sink_ = std::make_unique<Sink>(0, server_);
+    }
+    ~TlsBench() {
+        sink_.reset();  // its thread may still use the server context
+        SSL_CTX_free(server_);
+        SSL_CTX_free(client_);
+    }
+    TlsBench(const TlsBench&) = delete;
+    TlsBench& operator=(const TlsBench&) = delete;
+
+    bool ok() const { return sink_ != nullptr; }
+    Sink& sink() { return *sink_; }
+    SSL_CTX* client() const { return client_; }
+    std::string ca_file() const { return pki_.ca(); }
+
+private:
+    tls_test::TestPki pki_;
+    SSL_CTX* server_ = nullptr;
+    SSL_CTX* client_ = nullptr;
+    std::unique_ptr<Sink> sink_;
+};
+
+inline TlsBench& tls() {
+    static TlsBench instance;
     return instance;
 }
 

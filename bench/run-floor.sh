@@ -1,0 +1,178 @@
+#!/bin/bash
+# Every send case beside its floor, in one table: case | kemail | floor |
+# ratio (kemail ÷ floor), medians over repetitions.
+#
+#   bench/run-floor.sh [--smoke] BUILD_DIR [REPETITIONS]
+#
+# It runs send_bench in the tests' private root (each BM_Kemail_ case and its
+# BM_Floor_ twin in one process, REPETITIONS times, default 5, the median
+# taken), bench/count-syscalls.sh (system calls of one small send) and
+# bench/startup.sh (kemail-send beside curl). Wall is elapsed time; CPU is the
+# sending side's (the benchmark thread and the children it waited for, such as
+# coreutils base64; the sink's thread is not counted). A case whose options
+# the library does not accept yet shows as skipped with the reason.
+#
+# --smoke runs the small cases once, briefly, and fails when a floor case or
+# a plain kemail case fails: a check that the benchmarks still work, not a
+# measurement.
+set -euo pipefail
+smoke=0
+if [ "${1:-}" = "--smoke" ]; then
+    smoke=1
+    shift
+fi
+build=$(cd "${1:?usage: run-floor.sh [--smoke] BUILD_DIR [REPETITIONS]}" && pwd)
+repetitions=${2:-5}
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+bench="$build/bench/send_bench"
+[ -x "$bench" ] || { echo "$bench is not built" >&2; exit 1; }
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+if [ "$smoke" = 1 ]; then
+    filter='BM_(Kemail|Floor)_OneSmall/|BM_PeakMemory/MiB:1/'
+    options=(--benchmark_min_time=0.02)
+    repetitions=1
+    syscall_sends=3
+    startup_runs=5
+else
+    filter='BM_(Kemail|Floor)_|BM_PeakMemory'
+    options=(--benchmark_repetitions="$repetitions" --benchmark_report_aggregates_only=true)
+    syscall_sends=20
+    startup_runs=200
+fi
+
+echo "send_bench: $filter, $repetitions repetitions" >&2
+"$here/../tests/support/private-root.sh" "$bench" --benchmark_filter="$filter" "${options[@]}" \
+    --benchmark_out="$work/send.json" --benchmark_out_format=json >"$work/send.txt" 2>&1 || {
+    cat "$work/send.txt" >&2
+    exit 1
+}
+echo "count-syscalls.sh: $syscall_sends sends" >&2
+"$here/count-syscalls.sh" "$build" "$syscall_sends" >"$work/syscalls.txt"
+echo "startup.sh: $startup_runs runs" >&2
+"$here/startup.sh" "$build" "$startup_runs" >"$work/startup.txt"
+
+python3 - "$work" "$smoke" <<'EOF'
+import json
+import sys
+
+work, smoke = sys.argv[1], sys.argv[2] == "1"
+runs = json.load(open(f"{work}/send.json"))["benchmarks"]
+to_ms = {"ns": 1e-6, "us": 1e-3, "ms": 1.0, "s": 1e3}
+
+# Per run name: the median aggregate when there is one (repetitions), else
+# the single run; an errored run gives its message.
+found = {}
+for run in runs:
+    name = run.get("run_name", run["name"])
+    if run.get("error_occurred"):
+        found.setdefault(name, {"error": run.get("error_message", "failed")})
+    elif run.get("run_type") == "aggregate":
+        if run.get("aggregate_name") == "median":
+            found[name] = run
+    elif name not in found or "error" in found[name]:
+        found[name] = run
+
+
+def lookup(prefix):
+    for name, run in found.items():
+        if name == prefix or name.startswith(prefix + "/"):
+            return run
+    return None
+
+
+def wall_ms(run):
+    return run["real_time"] * to_ms[run["time_unit"]]
+
+
+def cpu_ms(run):
+    return run["cpu_s"] * 1e3
+
+
+def fmt(ms):
+    return f"{ms:.3f} ms" if ms < 10 else f"{ms:.0f} ms"
+
+
+rows = []
+failures = []
+
+
+def pair(label, case, unit_note=""):
+    kemail = lookup(f"BM_Kemail_{case}")
+    floor = lookup(f"BM_Floor_{case}")
+    if floor is None or kemail is None:
+        rows.append((label, "not run", "not run", "–"))
+        return
+    if "error" in floor:
+        failures.append(f"floor {case}: {floor['error']}")
+        rows.append((label, "–", "failed: " + floor["error"], "–"))
+        return
+    if "error" in kemail:
+        if not kemail["error"].startswith("skipped:"):
+            failures.append(f"kemail {case}: {kemail['error']}")
+        rows.append((f"{label}, wall", kemail["error"], fmt(wall_ms(floor)), "–"))
+        return
+    scale = 1.0
+    note = unit_note
+    if "pieces" in kemail and "pieces" in floor and floor["pieces"] > 0:
+        # The floor's cost a piece times the library's number of pieces.
+        scale = kemail["pieces"] / floor["pieces"]
+        note = (f" ({kemail['pieces']:.0f} pieces; floor {floor['pieces']:.0f} pieces,"
+                f" {floor['round_trips'] / floor['pieces']:.0f} round trips each, scaled)")
+    for what, value in (("wall", wall_ms), ("CPU", cpu_ms)):
+        k, f = value(kemail), value(floor) * scale
+        detail = ""
+        if what == "wall" and "base64_s" in floor:
+            detail = (f" (base64 {floor['base64_s'] * 1e3:.0f} + client"
+                      f" {floor['client_s'] * 1e3:.0f})")
+        rows.append((f"{label}, {what}{note if what == 'wall' else ''}", fmt(k),
+                     fmt(f) + detail, f"{k / f:.2f}" if f > 0 else "–"))
+
+
+pair("100 MiB attachment, whole", "HundredMiBWhole/plain")
+pair("100 MiB attachment, whole, STARTTLS", "HundredMiBWhole/starttls")
+pair("one small mail", "OneSmall/plain")
+pair("one small mail, STARTTLS", "OneSmall/starttls")
+pair("1000 small mails, a connection each, trace and log on", "ThousandSmall/plain")
+pair("1000 small mails, STARTTLS", "ThousandSmall/starttls")
+pair("100 MiB in 64 KiB pieces, designed dialogue", "HundredMiBSplit/plain")
+pair("100 MiB in 64 KiB pieces, PIPELINING=1", "HundredMiBSplit/pipelining")
+pair("100 MiB in 64 KiB pieces, STARTTLS", "HundredMiBSplit/starttls")
+
+for line in open(f"{work}/syscalls.txt"):
+    if line.startswith("total "):
+        k, f = (float(x) for x in line.split()[1:3])
+        rows.append(("system calls of one small send", f"{k:.0f}", f"{f:.0f}", f"{k / f:.2f}"))
+startup = {}
+for line in open(f"{work}/startup.txt"):
+    parts = line.rsplit(None, 1)
+    if len(parts) == 2 and parts[0].strip() in ("kemail-send --version", "curl --version", "true"):
+        startup[parts[0].strip()] = float(parts[1])
+if len(startup) == 3:
+    k, c = startup["kemail-send --version"], startup["curl --version"]
+    rows.append(("start-up: kemail-send --version | curl --version", fmt(k), fmt(c),
+                 f"{k / c:.2f}"))
+    rows.append(("start-up of `true` (the loop's own cost)", "", fmt(startup["true"]), ""))
+
+for name, run in sorted(found.items()):
+    if not name.startswith("BM_PeakMemory/"):
+        continue
+    params = dict(p.split(":") for p in name.split("/")[1:] if ":" in p)
+    label = f"peak memory, {params['MiB']} MiB, {'split' if params['split'] == '1' else 'whole'}"
+    if "error" in run:
+        failures.append(f"{name}: {run['error']}")
+        rows.append((label, run["error"], "", ""))
+    else:
+        rows.append((label, f"{run['peak_MiB']:.1f} MiB (send {run['send_MiB']:.1f})", "", ""))
+
+header = ("case", "kemail", "floor", "ratio")
+print("| " + " | ".join(header) + " |")
+print("|" + "---|" * len(header))
+for row in rows:
+    print("| " + " | ".join(row) + " |")
+if failures:
+    print("\nfailed:\n  " + "\n  ".join(failures), file=sys.stderr)
+    sys.exit(1)
+EOF
