@@ -43,6 +43,7 @@ else
     startup_runs=200
 fi
 
+read -r load_before _ </proc/loadavg
 echo "send_bench: $filter, $repetitions repetitions" >&2
 "$here/../tests/support/private-root.sh" "$bench" --benchmark_filter="$filter" "${options[@]}" \
     --benchmark_out="$work/send.json" --benchmark_out_format=json >"$work/send.txt" 2>&1 || {
@@ -54,6 +55,8 @@ echo "count-syscalls.sh: $syscall_sends sends" >&2
 echo "startup.sh: $startup_runs runs" >&2
 "$here/startup.sh" "$build" "$startup_runs" >"$work/startup.txt"
 
+read -r load_after _ </proc/loadavg
+echo "load average (1 min) $load_before before, $load_after after, on $(nproc) CPUs"
 python3 - "$work" "$smoke" <<'EOF'
 import json
 import sys
@@ -103,8 +106,7 @@ def pair(label, case, unit_note=""):
     kemail = lookup(f"BM_Kemail_{case}")
     floor = lookup(f"BM_Floor_{case}")
     if floor is None or kemail is None:
-        rows.append((label, "not run", "not run", "–"))
-        return
+        return  # not in this run's filter
     if "error" in floor:
         failures.append(f"floor {case}: {floor['error']}")
         rows.append((label, "–", "failed: " + floor["error"], "–"))
@@ -152,20 +154,33 @@ for line in open(f"{work}/startup.txt"):
         startup[parts[0].strip()] = float(parts[1])
 if len(startup) == 3:
     k, c = startup["kemail-send --version"], startup["curl --version"]
-    rows.append(("start-up: kemail-send --version | curl --version", fmt(k), fmt(c),
+    rows.append(("start-up (kemail-send --version; floor: curl --version)", fmt(k), fmt(c),
                  f"{k / c:.2f}"))
     rows.append(("start-up of `true` (the loop's own cost)", "", fmt(startup["true"]), ""))
 
-for name, run in sorted(found.items()):
-    if not name.startswith("BM_PeakMemory/"):
-        continue
-    params = dict(p.split(":") for p in name.split("/")[1:] if ":" in p)
-    label = f"peak memory, {params['MiB']} MiB, {'split' if params['split'] == '1' else 'whole'}"
+# STARTTLS beside the same case in clear, for each side.
+for label, case in (("100 MiB whole", "HundredMiBWhole"), ("one small mail", "OneSmall")):
+    cells = []
+    for side in ("Kemail", "Floor"):
+        tls, plain = lookup(f"BM_{side}_{case}/starttls"), lookup(f"BM_{side}_{case}/plain")
+        ok = tls and plain and "error" not in tls and "error" not in plain
+        cells.append(f"{wall_ms(tls) / wall_ms(plain):.2f}" if ok else "–")
+    if cells != ["–", "–"]:
+        rows.append((f"{label}: wall over STARTTLS ÷ wall in clear", cells[0], cells[1], ""))
+
+peaks = []
+for name, run in found.items():
+    if name.startswith("BM_PeakMemory/"):
+        params = dict(p.split(":") for p in name.split("/")[1:] if ":" in p)
+        peaks.append((int(params["split"]), int(params["MiB"]), name, run))
+for split, mib, name, run in sorted(peaks):
+    label = f"peak memory of a process sending {mib} MiB, {'split' if split else 'whole'}"
     if "error" in run:
         failures.append(f"{name}: {run['error']}")
         rows.append((label, run["error"], "", ""))
     else:
-        rows.append((label, f"{run['peak_MiB']:.1f} MiB (send {run['send_MiB']:.1f})", "", ""))
+        rows.append((label, f"{run['peak_MiB']:.1f} MiB (the send: {run['send_MiB']:.1f})",
+                     "", ""))
 
 header = ("case", "kemail", "floor", "ratio")
 print("| " + " | ".join(header) + " |")
