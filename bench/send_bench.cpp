@@ -140,9 +140,13 @@ private:
 };
 
 // One send of request with the mode's sink; false (and the case skipped)
-// when it fails or reports a success that never reached the sink.
-bool send_checked(benchmark::State& state, Request& request, Sink& sink, unsigned split) {
+// when it fails, reports a success that never reached the sink, or did not
+// use the STARTTLS or the pipelining the mode is about.
+bool send_checked(benchmark::State& state, Request& request, Sink& sink, unsigned split,
+                  Mode mode) {
     const unsigned long before = sink.messages();
+    const unsigned long handshakes = sink.handshakes();
+    const unsigned long groups = sink.command_groups();
     const int result = request.send(split, static_cast<int>(bench::kPieceKib), sink.port());
     if (result != KEMAIL_OK) {
         state.SkipWithError(
@@ -151,6 +155,14 @@ bool send_checked(benchmark::State& state, Request& request, Sink& sink, unsigne
     }
     if (sink.messages() == before) {
         state.SkipWithError("the send reported success but no message reached the sink");
+        return false;
+    }
+    if (mode == Mode::StartTls && sink.handshakes() == handshakes) {
+        state.SkipWithError("TLS=starttls was accepted but the send made no TLS handshake");
+        return false;
+    }
+    if (mode == Mode::Pipelining && sink.command_groups() == groups) {
+        state.SkipWithError("PIPELINING=1 was accepted but no command group reached the sink");
         return false;
     }
     return true;
@@ -169,7 +181,7 @@ void hundred_mib(benchmark::State& state, Mode mode, unsigned split) {
     const bench::CpuMeter cpu;
     for (auto _ : state) {
         const auto start = Clock::now();
-        if (!send_checked(state, request, sink, split)) return;
+        if (!send_checked(state, request, sink, split, mode)) return;
         const auto end = Clock::now();
         const auto accepted = sink.last_accept();
         compose += std::chrono::duration<double>(accepted - start).count();
@@ -213,7 +225,7 @@ void small_mails(benchmark::State& state, Mode mode, int count) {
     const bench::CpuMeter cpu;
     for (auto _ : state) {
         for (int i = 0; i < count; ++i) {
-            if (!send_checked(state, request, *scope.sink(), 0)) return;
+            if (!send_checked(state, request, *scope.sink(), 0, mode)) return;
         }
     }
     cpu.report(state);

@@ -62,7 +62,11 @@ public:
         return Clock::time_point(Clock::duration(accepted_.load()));
     }
     unsigned long messages() const { return messages_.load(); }
+    // TLS handshakes completed, and receptions that held more than one
+    // command (a pipelined group): what shows that a send used STARTTLS or
+    // pipelining rather than only being allowed to.
     unsigned long handshakes() const { return handshakes_.load(); }
+    unsigned long command_groups() const { return command_groups_.load(); }
 
 private:
     void run() {
@@ -155,6 +159,7 @@ private:
             const ssize_t n = connection.receive(buffer, sizeof buffer);
             if (n <= 0) return;
             bool start_tls = false;
+            int commands = 0;
             for (ssize_t i = 0; i < n; ++i) {
                 if (in_data) {
                     // The end mark is looked for with memmem rather than byte by
@@ -171,6 +176,7 @@ private:
                 const char c = buffer[i];
                 line.push_back(c);
                 if (c != '\n') continue;
+                ++commands;
                 if (line.rfind("EHLO", 0) == 0) {
                     connection.say(tls_ && !connection.ssl
                                        ? "250-sink\r\n250-PIPELINING\r\n250-STARTTLS\r\n"
@@ -195,6 +201,7 @@ private:
                 }
                 line.clear();
             }
+            if (commands > 1) ++command_groups_;
             if (!connection.flush()) return;
             if (start_tls) {
                 connection.ssl = SSL_new(tls_);
@@ -215,6 +222,7 @@ private:
     std::atomic<Clock::rep> accepted_{0};
     std::atomic<unsigned long> messages_{0};
     std::atomic<unsigned long> handshakes_{0};
+    std::atomic<unsigned long> command_groups_{0};
 };
 
 // The process's one sink, started at first use.
