@@ -151,11 +151,11 @@ startup = {}
 for line in open(f"{work}/startup.txt"):
     parts = line.rsplit(None, 1)
     if len(parts) == 2 and parts[0].strip() in ("kemail-send --version", "curl --version", "true"):
-        startup[parts[0].strip()] = float(parts[1])
+        startup[parts[0].strip()] = None if parts[1] == "-" else float(parts[1])
 if len(startup) == 3:
     k, c = startup["kemail-send --version"], startup["curl --version"]
-    rows.append(("start-up (kemail-send --version; floor: curl --version)", fmt(k), fmt(c),
-                 f"{k / c:.2f}"))
+    rows.append(("start-up (kemail-send --version; floor: curl --version)", fmt(k),
+                 fmt(c) if c else "curl not installed", f"{k / c:.2f}" if c else "–"))
     rows.append(("start-up of `true` (the loop's own cost)", "", fmt(startup["true"]), ""))
 
 # STARTTLS beside the same case in clear, for each side.

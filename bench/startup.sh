@@ -11,7 +11,9 @@ runs=${2:-200}
 kemail_send="$build/tools/kemail-send"
 true_path=$(command -v true | grep / || echo /bin/true)
 [ -x "$kemail_send" ] || { echo "$kemail_send is not built" >&2; exit 1; }
-command -v curl >/dev/null || { echo "curl is not installed" >&2; exit 1; }
+# Without curl (it is not among the build's packages) its line says so.
+have_curl=0
+command -v curl >/dev/null && have_curl=1
 "$kemail_send" --version >/dev/null || { echo "kemail-send --version failed" >&2; exit 1; }
 
 work=$(mktemp -d)
@@ -29,7 +31,7 @@ elapsed() {
 
 for ((i = 0; i < runs; ++i)); do
     elapsed "$work/kemail" "$kemail_send" --version
-    elapsed "$work/curl" curl --version
+    [ "$have_curl" = 0 ] || elapsed "$work/curl" curl --version
     elapsed "$work/true" "$true_path"
 done
 
@@ -40,5 +42,9 @@ median_ms() {
 
 echo "start-up, median of $runs runs (ms)"
 printf '%-24s %8s\n' "kemail-send --version" "$(median_ms "$work/kemail")"
-printf '%-24s %8s\n' "curl --version" "$(median_ms "$work/curl")"
+if [ "$have_curl" = 1 ]; then
+    printf '%-24s %8s\n' "curl --version" "$(median_ms "$work/curl")"
+else
+    printf '%-24s %8s\n' "curl --version" "-"
+fi
 printf '%-24s %8s\n' "true" "$(median_ms "$work/true")"
