@@ -2,7 +2,7 @@
 # Every send case beside its floor, in one table: case | kemail | floor |
 # ratio (kemail ÷ floor), medians over repetitions.
 #
-#   bench/run-floor.sh [--smoke] BUILD_DIR [REPETITIONS]
+#   bench/run-floor.sh [--smoke] [--tmpfs] BUILD_DIR [REPETITIONS]
 #
 # It runs send_bench in the tests' private root (each BM_Kemail_ case and its
 # BM_Floor_ twin in one process, REPETITIONS times, default 5, in random
@@ -12,16 +12,26 @@
 # coreutils base64; the sink's thread is not counted). A case whose options
 # the library does not accept yet shows as skipped with the reason.
 #
+# The library's work files, trace and mail log go to the private root's
+# directories in /tmp; with --tmpfs to tmpfs instead, which shows how much of
+# a small send's wall time is the file system's (on ext4, unlink and openat
+# can wait for the journal and for discards).
+#
 # --smoke runs the small cases once, briefly, and fails when a floor case or
 # a plain kemail case fails: a check that the benchmarks still work, not a
 # measurement.
 set -euo pipefail
 smoke=0
-if [ "${1:-}" = "--smoke" ]; then
-    smoke=1
+tmpfs=0
+while [ $# -gt 0 ]; do
+    case $1 in
+        --smoke) smoke=1 ;;
+        --tmpfs) tmpfs=1 ;;
+        *) break ;;
+    esac
     shift
-fi
-build=$(cd "${1:?usage: run-floor.sh [--smoke] BUILD_DIR [REPETITIONS]}" && pwd)
+done
+build=$(cd "${1:?usage: run-floor.sh [--smoke] [--tmpfs] BUILD_DIR [REPETITIONS]}" && pwd)
 repetitions=${2:-5}
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 bench="$build/bench/send_bench"
@@ -48,7 +58,28 @@ fi
 
 read -r load_before _ </proc/loadavg
 echo "send_bench: $filter, $repetitions repetitions" >&2
-"$here/../tests/support/private-root.sh" "$bench" --benchmark_filter="$filter" "${options[@]}" \
+# in_root COMMAND...: runs COMMAND where the library's fixed directories are
+# fresh temporary ones.
+in_root() {
+    if [ "$tmpfs" = 0 ]; then
+        "$here/../tests/support/private-root.sh" "$@"
+        return
+    fi
+    unshare --mount --propagation private bash -c '
+        set -e
+        mount -t tmpfs -o mode=0755 kemail-bench /etc/opt
+        mount -t tmpfs -o mode=0755 kemail-bench /var/opt
+        mkdir -p /etc/opt/QRZNvolta /var/opt/QRZNvolta/tmp /var/opt/QRZNvolta/tmp2 \
+                 /var/opt/QRZNvolta/log
+        exec "$@"' in-root "$@"
+}
+if [ "$tmpfs" = 1 ]; then
+    files=tmpfs
+else
+    files="$(df --output=fstype /tmp | tail -n 1) (/tmp)"
+fi
+
+in_root "$bench" --benchmark_filter="$filter" "${options[@]}" \
     --benchmark_out="$work/send.json" --benchmark_out_format=json >"$work/send.txt" 2>&1 || {
     cat "$work/send.txt" >&2
     exit 1
@@ -59,7 +90,8 @@ echo "startup.sh: $startup_runs runs" >&2
 "$here/startup.sh" "$build" "$startup_runs" >"$work/startup.txt"
 
 read -r load_after _ </proc/loadavg
-echo "load average (1 min) $load_before before, $load_after after, on $(nproc) CPUs"
+echo "load average (1 min) $load_before before, $load_after after, on $(nproc) CPUs;" \
+    "work files, trace and mail log on $files"
 python3 - "$work" "$smoke" <<'EOF'
 import json
 import sys
