@@ -77,7 +77,10 @@ private:
         size_t done = 0;
         while (done < total) {
             errno = 0;
-            const ssize_t n = retry_on_eintr([&] { return ::writev(fd_, parts, count); });
+            const ssize_t n = retry_on_eintr([&] {
+                return count == 1 ? ::write(fd_, parts[0].iov_base, parts[0].iov_len)
+                                  : ::writev(fd_, parts, count);
+            });
             if (n <= 0) {
                 if (error_) *error_ = static_cast<unsigned int>(errno);
                 failed_ = true;
