@@ -98,7 +98,9 @@ constexpr size_t kElementBufferSize = 1040;
 // outer header of a message/partial piece. Each line is put with the trace
 // codes of its step: `before` (level 2, the line) ahead of the write,
 // `failed` (level 0, the error word) on failure, `after` (level 2, the line)
-// once it is out; `before` and `after` may be null.
+// once it is out (for the message file: once its writer holds it, the failure
+// of a later block write still naming this line); `before` and `after` may be
+// null.
 struct LineCodes {
     const char* before;
     const char* failed;
