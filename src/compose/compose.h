@@ -19,6 +19,7 @@
 #pragma once
 
 #include "kemail.h"
+#include "util/block_writer.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -31,8 +32,30 @@ inline bool is_sjis_lead(unsigned char byte) {
     return (byte >= 0x81 && byte <= 0x9F) || (byte >= 0xE0 && byte <= 0xEF);
 }
 
-// write_all (util), and on failure the trace code at level 0 with the errno word.
-bool write_traced(int fd, const char* text, size_t length, const char* code, unsigned int* pulErr);
+// The message file, written in blocks rather than piece by piece (see
+// util/block_writer.h). Each piece names the level-0 trace code of its
+// failure; a failed write stores the errno in the error word and is traced
+// once, with the code of the first piece that did not reach the file and the
+// errno word, when the failing write is made. Every composition function
+// flushes before it returns and before it reports a failure of its own (a
+// file that cannot be opened or read), so that a write that fails is
+// reported in the same call and ahead of anything that happened after it.
+class MessageWriter {
+public:
+    MessageWriter(int fd, unsigned int* pulErr) : writer_(fd, pulErr), pulErr_(pulErr) {}
+    // False once a write has failed.
+    bool put(const char* text, size_t length, const char* failed_code) {
+        return traced(writer_.put(text, length, failed_code));
+    }
+    bool flush() { return traced(writer_.flush()); }
+
+private:
+    bool traced(bool ok);
+
+    BlockWriter<const char*> writer_;
+    unsigned int* pulErr_;
+    bool failure_traced_ = false;
+};
 
 // Base64 of length bytes (RFC 4648 alphabet, "=" padding, no line breaks)
 // into out, which needs 4 * ceil(length / 3) + 1 bytes. Returns the number of
@@ -75,7 +98,9 @@ constexpr size_t kElementBufferSize = 1040;
 // outer header of a message/partial piece. Each line is put with the trace
 // codes of its step: `before` (level 2, the line) ahead of the write,
 // `failed` (level 0, the error word) on failure, `after` (level 2, the line)
-// once it is out; `before` and `after` may be null.
+// once it is out (for the message file: once its writer holds it, the failure
+// of a later block write still naming this line); `before` and `after` may be
+// null.
 struct LineCodes {
     const char* before;
     const char* failed;
@@ -88,7 +113,11 @@ public:
         File,    // the message file; a failed write is -33
         Socket,  // the SMTP connection; a failed send is the transport's result
     };
+    // A socket, or a file written line by line.
     HeaderSink(Kind kind, int fd, unsigned int* pulErr) : kind_(kind), fd_(fd), pulErr_(pulErr) {}
+    // The message file through its writer: a failed write is -33.
+    HeaderSink(MessageWriter& file, unsigned int* pulErr)
+        : kind_(Kind::File), fd_(-1), pulErr_(pulErr), file_(&file) {}
     // 0, or the failure result with the error word in *pulErr.
     int put(const char* text, size_t length, const LineCodes& codes);
 
@@ -96,6 +125,7 @@ private:
     Kind kind_;
     int fd_;
     unsigned int* pulErr_;
+    MessageWriter* file_ = nullptr;
 };
 
 // The trace codes of the Date, From and To lines.
@@ -135,6 +165,12 @@ int convert_lines(iconv_t converter, const char* source, char* dest, size_t dest
 
 // Lowercase hexadecimal of length bytes into out (2 * length + 1 bytes).
 void to_hex(const unsigned char* src, size_t length, char* out);
+
+// gethostid(), asked once per process and kept: without /etc/hostid, libc
+// derives it from the address of the host's name and so reads the hosts
+// database on every call. Like the host name of the Message-Id, the id a
+// process puts into its identifiers stays the same for its whole life.
+uint32_t host_id();
 
 // For tests only: the resolver file that gives the Message-Id its domain
 // (nullptr restores "/etc/resolv.conf"), and emptying the host-name cache so

@@ -86,6 +86,12 @@ void set_resolver_conf_path(const char* path) {
 
 void clear_host_name_cache() { g_host_cache[0] = '\0'; }
 
+uint32_t host_id() {
+    // Initialised once, even with several threads composing at once.
+    static const uint32_t id = static_cast<uint32_t>(gethostid());
+    return id;
+}
+
 }  // namespace kemail
 
 using namespace kemail;
@@ -117,8 +123,8 @@ KEMAIL_API void SMTP_MakeMsgId(char* pszOut) noexcept {
         if (std::strchr(g_host_cache, '.') == nullptr) append_resolver_domain();
     }
     trace(g_trace, 2, "mkmsgid0050");
-    const uint32_t host_id = static_cast<uint32_t>(gethostid());
-    trace_word(g_trace, 2, "mkmsgid0100", host_id);
+    const uint32_t id = host_id();
+    trace_word(g_trace, 2, "mkmsgid0100", id);
 
     const time_t now = time(nullptr);
     struct tm local = {};
@@ -130,7 +136,7 @@ KEMAIL_API void SMTP_MakeMsgId(char* pszOut) noexcept {
 
     if (pszOut == nullptr) return;
     format_into(pszOut, KEMAIL_MSGID_SIZE, Overflow::Cut, "Message-Id: <%s.%x%x%x@%s>\r\n", stamp,
-                static_cast<unsigned>(tv.tv_sec), static_cast<unsigned>(tv.tv_usec), host_id,
+                static_cast<unsigned>(tv.tv_sec), static_cast<unsigned>(tv.tv_usec), id,
                 g_host_cache);
     trace_text(g_trace, 1, "mkmsgidFFFF", pszOut);
 }

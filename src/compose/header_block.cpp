@@ -6,6 +6,7 @@
 #include "log/trace_record.h"
 #include "smtp/smtp_buffers.h"
 #include "util/format.h"
+#include "util/util.h"
 
 #include <cstring>
 
@@ -13,8 +14,13 @@ namespace kemail {
 
 int HeaderSink::put(const char* text, size_t length, const LineCodes& codes) {
     if (codes.before != nullptr) trace_text(g_trace, 2, codes.before, text);
-    if (kind_ == Kind::File) {
-        if (!write_traced(fd_, text, length, codes.failed, pulErr_)) return -33;
+    if (kind_ == Kind::File && file_ != nullptr) {
+        if (!file_->put(text, length, codes.failed)) return -33;
+    } else if (kind_ == Kind::File) {
+        if (!write_all(fd_, text, length, pulErr_)) {
+            trace_word(g_trace, 0, codes.failed, *pulErr_);
+            return -33;
+        }
     } else {
         const int result = SMTP_send(fd_, text, static_cast<int>(length), pulErr_);
         if (result != 0) {

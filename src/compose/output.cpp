@@ -1,4 +1,4 @@
-// Mechanics shared by the composition functions: traced whole writes to the
+// Mechanics shared by the composition functions: traced block writes to the
 // message file, the recipient list walk and hex text.
 #include "compose/compose.h"
 
@@ -10,10 +10,12 @@
 
 namespace kemail {
 
-bool write_traced(int fd, const char* text, size_t length, const char* code, unsigned int* pulErr) {
-    if (write_all(fd, text, length, pulErr)) return true;
-    trace_word(g_trace, 0, code, *pulErr);
-    return false;
+bool MessageWriter::traced(bool ok) {
+    if (!ok && !failure_traced_) {
+        failure_traced_ = true;
+        trace_word(g_trace, 0, writer_.failed_tag(), *pulErr_);
+    }
+    return ok;
 }
 
 bool RecipientCursor::next(char* out, size_t size) {

@@ -91,7 +91,7 @@ KEMAIL_API int SMTP_makeid(char* pszId, const char* pszFrom) noexcept {
     trace_text(g_trace, 2, "smtp1510", host);
     if (char* dot = std::strchr(host, '.')) *dot = '\0';
 
-    const uint32_t host_id = static_cast<uint32_t>(gethostid());
+    const uint32_t host_id = kemail::host_id();
     trace_word(g_trace, 2, "smtp1515", host_id);
 
     uint32_t seconds;

@@ -29,19 +29,18 @@ constexpr size_t kLineCut = 1024;
 // of 4096 bytes.
 using ByteReader = kemail::ByteReader<4096>;
 
-// Looks for a Shift_JIS lead byte. 1: found; 0: none; -1: read error.
-int scan_for_lead_byte(int body, unsigned int* pulErr) {
+// Looks for a Shift_JIS lead byte. 1: found; 0: none; -1: read error, with
+// its errno in *error (the caller traces it).
+int scan_for_lead_byte(int body, int* error) {
     char block[kScanBlockSize + 1];
     if (lseek(body, 0, SEEK_SET) < 0) {
-        *pulErr = static_cast<unsigned int>(errno);
-        trace_word(g_trace, 0, "smtp0650", *pulErr);
+        *error = errno;
         return -1;
     }
     for (;;) {
         const ssize_t n = retry_on_eintr([&] { return ::read(body, block, kScanBlockSize); });
         if (n < 0) {
-            *pulErr = static_cast<unsigned int>(errno);
-            trace_word(g_trace, 0, "smtp0650", *pulErr);
+            *error = errno;
             return -1;
         }
         if (n == 0) {
@@ -110,50 +109,49 @@ size_t convert_body_line(bool japanese) {
                                            s_szRecvBuf[0] == '.' ? "." : "", s_szRecvBuf));
 }
 
-int write_text_part(int fd, const char* body_path, unsigned int* pulErr) {
+// A failure of the body file (error, with its result and trace code), once
+// what was put before it has reached the message file: a write that fails
+// there is the failure reported (-33), as it came first.
+int body_failed(MessageWriter& out, int result, const char* code, int error, unsigned int* pulErr) {
+    if (!out.flush()) return -33;
+    *pulErr = static_cast<unsigned int>(error);
+    trace_word(g_trace, 0, code, *pulErr);
+    return result;
+}
+
+int write_text_part(MessageWriter& out, const char* body_path, unsigned int* pulErr) {
     UniqueFd body(retry_on_eintr([&] { return ::open(body_path, O_RDONLY | O_CLOEXEC); }));
-    if (!body.valid()) {
-        *pulErr = static_cast<unsigned int>(errno);
-        trace_word(g_trace, 0, "smtp0645", *pulErr);
-        return -31;
-    }
-    const int japanese = scan_for_lead_byte(body.get(), pulErr);
-    if (japanese < 0) return -32;
+    if (!body.valid()) return body_failed(out, -31, "smtp0645", errno, pulErr);
+    int error = 0;
+    const int japanese = scan_for_lead_byte(body.get(), &error);
+    if (japanese < 0) return body_failed(out, -32, "smtp0650", error, pulErr);
 
     size_t n = static_cast<size_t>(format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut,
                                                "Content-Type: text/plain; charset=\"%s\"\r\n",
                                                japanese ? "ISO-2022-JP" : "us-ascii"));
     trace_text(g_trace, 2, japanese ? "smtp0653" : "smtp0654", s_szSendBuf);
-    if (!write_traced(fd, s_szSendBuf, n, "smtp0655", pulErr)) return -33;
-    if (!write_traced(fd, "\r\n", 2, "smtp0660", pulErr)) return -33;
+    if (!out.put(s_szSendBuf, n, "smtp0655")) return -33;
+    if (!out.put("\r\n", 2, "smtp0660")) return -33;
 
     // Back to the start after the scan: a rewind that fails would leave the
     // text part empty.
-    if (lseek(body.get(), 0, SEEK_SET) < 0) {
-        *pulErr = static_cast<unsigned int>(errno);
-        trace_word(g_trace, 0, "smtp0660", *pulErr);
-        return -32;
-    }
+    if (lseek(body.get(), 0, SEEK_SET) < 0) return body_failed(out, -32, "smtp0660", errno, pulErr);
     {
         // Scoped: the reader is done before the body file is closed.
         ByteReader reader(body.get());
         for (;;) {
             const long length = read_body_line(reader);
-            if (length < 0) {
-                *pulErr = static_cast<unsigned int>(errno);
-                trace_word(g_trace, 0, "smtp0660", *pulErr);
-                return -32;
-            }
+            if (length < 0) return body_failed(out, -32, "smtp0660", errno, pulErr);
             if (length == 0) break;
             n = convert_body_line(japanese != 0);
-            if (!write_traced(fd, s_szSendBuf, n, "smtp0665", pulErr)) return -33;
+            if (!out.put(s_szSendBuf, n, "smtp0665")) return -33;
         }
     }
     body.reset();
     // Ends a last line that had no CR LF. Kept: after one that had, this is
     // an extra empty line before whatever follows the text
     // (test TopData.AsciiBodyIsUsAsciiAndEndsWithAnEmptyLine).
-    if (!write_traced(fd, "\r\n", 2, "smtp0670", pulErr)) return -33;
+    if (!out.put("\r\n", 2, "smtp0670") || !out.flush()) return -33;
     trace(g_trace, 1, "smtp06FF");
     return 0;
 }
@@ -177,7 +175,8 @@ extern "C" KEMAIL_API int SMTP_makeTopData(int lFile, const char* pszBodyPath, c
         return -33;
     }
 
-    HeaderSink sink(HeaderSink::Kind::File, lFile, pulErr);
+    MessageWriter out(lFile, pulErr);
+    HeaderSink sink(out, pulErr);
     // Holds each recipient element, then the encoded subject.
     char element[kElementBufferSize] = {};
     if (lPartial == 0) {
@@ -222,17 +221,16 @@ extern "C" KEMAIL_API int SMTP_makeTopData(int lFile, const char* pszBodyPath, c
         SMTP_makeBoundary(boundary);
         int n = format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut,
                             "Content-Type: multipart/mixed; boundary=\"%s\"\r\n", boundary);
-        if (!write_traced(lFile, s_szSendBuf, static_cast<size_t>(n), "smtp0630", pulErr))
-            return -33;
+        if (!out.put(s_szSendBuf, static_cast<size_t>(n), "smtp0630")) return -33;
         // The leading CR LF is the empty line that ends the message header.
         n = format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut, "\r\n--%s\r\n", boundary);
-        if (!write_traced(lFile, s_szSendBuf, static_cast<size_t>(n), "smtp0635", pulErr))
-            return -33;
+        if (!out.put(s_szSendBuf, static_cast<size_t>(n), "smtp0635")) return -33;
     }
 
     if (pszBodyPath == nullptr) {
+        if (!out.flush()) return -33;
         trace(g_trace, 2, "smtp0640");
         return 0;
     }
-    return write_text_part(lFile, pszBodyPath, pulErr);
+    return write_text_part(out, pszBodyPath, pulErr);
 }

@@ -57,7 +57,8 @@ struct OldFile {
 // Inserts a node for path after every node at least as new; -1 without memory.
 int DeleteOldFiles_AddList(OldFile** head, const char* path, time_t mtime);
 // Deletes every listed file from position keep on (counting from 1).
-void DeleteOldFiles_DeleteList(const OldFile* head, uint32_t keep);
+// Returns the number of listed files still there afterwards.
+uint32_t DeleteOldFiles_DeleteList(const OldFile* head, uint32_t keep);
 void DeleteOldFiles_FreeList(OldFile* head);
 
 // Owns a list built with DeleteOldFiles_AddList and frees it on every exit.

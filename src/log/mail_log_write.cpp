@@ -1,8 +1,9 @@
 // Event lines of the mail log: the protocol lines sent and received, failed
-// system calls and time-outs, each with the time of day. Every write goes
-// straight to the file, unbuffered; its result is ignored, since the log
-// never stops a send.
+// system calls and time-outs, each with the time of day. Each line goes to
+// the file in one write as soon as it is made (nothing is held back between
+// lines); its result is ignored, since the log never stops a send.
 #include "log/log.h"
+#include "util/block_writer.h"
 #include "util/format.h"
 #include "util/util.h"
 
@@ -37,6 +38,13 @@ void finish_note(char* note, const char* extra) {
     }
 }
 
+// A line is gathered here and written in one write: the prefix, the text
+// (a command of up to 4100 bytes, a reply line of up to 1028, a note of up to
+// 2200) and the line end. A longer text goes out in the same write as the
+// prefix, from the caller's memory, and its line end in a second one.
+constexpr size_t kLineBufferSize = 4608;
+using LineWriter = BlockWriter<char, kLineBufferSize, 4>;
+
 // Writes one event line: time prefix, kind tag, text and, unless the text
 // already ends with CR LF, a CR LF.
 void write_line(MailLogHandle* handle, int kind, const char* text) {
@@ -47,15 +55,15 @@ void write_line(MailLogHandle* handle, int kind, const char* text) {
     const int prefix_length =
         format_into(prefix, sizeof prefix, Overflow::Cut, "%02d:%02d:%02d %s ", local.tm_hour,
                     local.tm_min, local.tm_sec, kind_tag(kind));
-    // Each part is written whole (a short write goes on with the rest); a
-    // failed write ends the line: the log is not on the mail's path.
-    if (prefix_length > 0 &&
-        !write_all(handle->fd, prefix, static_cast<size_t>(prefix_length), nullptr))
-        return;
+    // A short write goes on with the rest; a failed write ends the line: the
+    // log is not on the mail's path.
+    LineWriter line(handle->fd, nullptr);
+    if (prefix_length > 0) line.put(prefix, static_cast<size_t>(prefix_length), 0);
     const size_t length = std::strlen(text);
-    if (!write_all(handle->fd, text, length, nullptr)) return;
-    if (length > 1 && text[length - 2] == '\r' && text[length - 1] == '\n') return;
-    write_all(handle->fd, "\r\n", 2, nullptr);
+    line.put(text, length, 0);
+    if (!(length > 1 && text[length - 2] == '\r' && text[length - 1] == '\n'))
+        line.put("\r\n", 2, 0);
+    line.flush();
 }
 
 }  // namespace

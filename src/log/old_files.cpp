@@ -1,16 +1,21 @@
 // Removal of old trace and log files: of the regular files in a directory
 // whose names begin with a prefix, the newest keep - 1 stay, so that with
-// the file about to be written keep files remain.
+// the file about to be written keep files remain. A directory that has not
+// changed since a scan that left fewer than keep such files is not listed
+// again: the scan would delete nothing.
 #include "log/log.h"
 
 #include "util/format.h"
+#include "util/mutex_lock.h"
 #include "util/unique_fd.h"
 #include "util/util.h"
 
 #include <cstdlib>
 #include <cstring>
 
+#include <pthread.h>
 #include <sys/stat.h>
+#include <time.h>
 
 namespace kemail {
 
@@ -28,11 +33,13 @@ int DeleteOldFiles_AddList(OldFile** head, const char* path, time_t mtime) {
     return 0;
 }
 
-void DeleteOldFiles_DeleteList(const OldFile* head, uint32_t keep) {
+uint32_t DeleteOldFiles_DeleteList(const OldFile* head, uint32_t keep) {
     uint32_t position = 1;
+    uint32_t left = 0;
     for (const OldFile* node = head; node; node = node->next, ++position) {
-        if (position >= keep) FileDelete(node->path);
+        if (position < keep || FileDelete(node->path) != 0) ++left;
     }
+    return left;
 }
 
 void DeleteOldFiles_FreeList(OldFile* head) {
@@ -42,6 +49,88 @@ void DeleteOldFiles_FreeList(OldFile* head) {
         head = next;
     }
 }
+
+namespace {
+
+// What the last complete scan of a directory left there, so that the next
+// removal can tell without listing the directory again that it would delete
+// nothing: when the directory is the same one and its modification time has
+// not changed, no entry was added, removed or renamed since, so the files
+// that match are those the scan left; if they are fewer than the keep count
+// (or none), none stands at a position to be deleted, however their ages
+// have changed meanwhile. Each of the send's two directories (the trace
+// files and the mail logs) has its own memory.
+//
+// A directory whose modification time is close to the clock when it is
+// looked at is not remembered: a change made within the same tick of the
+// file system's clock (two seconds on the coarsest ones) could leave the
+// time as it was. Nor is one where a matching entry is a symbolic link (or of
+// unknown type): its target can come or go without the directory changing.
+constexpr time_t kSettleSeconds = 2;
+constexpr size_t kRememberedScans = 2;
+
+struct ScanMemory {
+    bool valid = false;
+    char dir[kOldFilePathSize] = {};
+    char prefix[kOldFilePathSize] = {};
+    dev_t device = 0;
+    ino_t inode = 0;
+    struct timespec modified = {};
+    uint32_t left = 0;  // matching regular files the scan left
+};
+
+ScanMemory g_scans[kRememberedScans];
+size_t g_next_slot = 0;
+pthread_mutex_t g_scans_lock = PTHREAD_MUTEX_INITIALIZER;
+
+bool same_time(const struct timespec& a, const struct timespec& b) {
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+ScanMemory* find_scan(const char* dir, const char* prefix) {
+    for (ScanMemory& scan : g_scans) {
+        if (scan.valid && std::strcmp(scan.dir, dir) == 0 && std::strcmp(scan.prefix, prefix) == 0)
+            return &scan;
+    }
+    return nullptr;
+}
+
+// True when the last scan of dir for prefix shows that a removal keeping
+// keep files would delete nothing now.
+bool nothing_to_delete(const char* dir, const char* prefix, const struct stat& status,
+                       uint32_t keep) {
+    const MutexLock lock(g_scans_lock);
+    const ScanMemory* scan = find_scan(dir, prefix);
+    return scan != nullptr && scan->device == status.st_dev && scan->inode == status.st_ino &&
+           same_time(scan->modified, status.st_mtim) && (scan->left == 0 || scan->left < keep);
+}
+
+// Remembers a complete scan; status is the directory as it was before the
+// scan began, started the clock time just before that look.
+void remember_scan(const char* dir, const char* prefix, const struct stat& status,
+                   const struct timespec& started, bool certain, uint32_t left) {
+    const MutexLock lock(g_scans_lock);
+    ScanMemory* scan = find_scan(dir, prefix);
+    const bool settled = status.st_mtim.tv_sec + kSettleSeconds < started.tv_sec;
+    if (!certain || !settled || std::strlen(dir) >= sizeof scan->dir ||
+        std::strlen(prefix) >= sizeof scan->prefix) {
+        if (scan != nullptr) scan->valid = false;
+        return;
+    }
+    if (scan == nullptr) {
+        scan = &g_scans[g_next_slot];
+        g_next_slot = (g_next_slot + 1) % kRememberedScans;
+        copy_cut(scan->dir, sizeof scan->dir, dir);
+        copy_cut(scan->prefix, sizeof scan->prefix, prefix);
+    }
+    scan->device = status.st_dev;
+    scan->inode = status.st_ino;
+    scan->modified = status.st_mtim;
+    scan->left = left;
+    scan->valid = true;
+}
+
+}  // namespace
 
 }  // namespace kemail
 
@@ -58,26 +147,38 @@ KEMAIL_API int DeleteOldFiles_DIR(const char* pszDir, const char* pszPrefix, con
                                   unsigned int ulKeep, unsigned int ulLevel) noexcept {
     if (ulLevel == 0) return 0;
     if (!pszDir || !pszPrefix) return -1;
+    struct timespec started = {};
+    const bool clock_read = ::clock_gettime(CLOCK_REALTIME, &started) == 0;
     struct stat status;
     if (FileStat(pszDir, &status) != 0 || !S_ISDIR(status.st_mode)) return -1;
+    if (nothing_to_delete(pszDir, pszPrefix, status, ulKeep)) return 0;
     const UniqueDir dir(DirectryOpen(pszDir));
     if (!dir) return -2;
 
     const size_t prefix_length = std::strlen(pszPrefix);
     OldFileList list;
+    bool certain = clock_read;
     struct dirent entry_buffer;
     while (struct dirent* entry = DirectryRead(dir.get(), &entry_buffer)) {
         if (entry->d_ino == 0) continue;
         if (std::strlen(entry->d_name) < prefix_length) continue;
         if (std::strncmp(entry->d_name, pszPrefix, prefix_length) != 0) continue;
+        if (entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN) certain = false;
         char path[kOldFilePathSize];
-        if (format_into(path, sizeof path, Overflow::Refuse, "%s/%s", pszDir, entry->d_name) < 0)
+        if (format_into(path, sizeof path, Overflow::Refuse, "%s/%s", pszDir, entry->d_name) < 0) {
+            certain = false;
             continue;
+        }
         struct stat file_status;
-        if (FileStat(path, &file_status) != 0 || !S_ISREG(file_status.st_mode)) continue;
+        if (FileStat(path, &file_status) != 0) {
+            certain = false;
+            continue;
+        }
+        if (!S_ISREG(file_status.st_mode)) continue;
         if (DeleteOldFiles_AddList(&list.head, path, file_status.st_mtime) != 0) return -3;
     }
-    DeleteOldFiles_DeleteList(list.head, ulKeep);
+    const uint32_t left = DeleteOldFiles_DeleteList(list.head, ulKeep);
+    remember_scan(pszDir, pszPrefix, status, started, certain, left);
     return 0;
 }
 

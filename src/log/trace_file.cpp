@@ -1,7 +1,8 @@
 // Opening and closing trace files. Opening sizes the file once (through a
-// temporary copy, keeping the old ring) and maps it shared, so that writes
-// later are plain memory copies; the ring survives a restart under the same
-// name and writing continues where it stopped.
+// temporary copy, keeping the old ring; a file already of its size needs no
+// copy) and maps it shared, so that writes later are plain memory copies; the
+// ring survives a restart under the same name and writing continues where it
+// stopped.
 #include "log/log.h"
 #include "util/format.h"
 #include "util/unique_fd.h"
@@ -65,6 +66,13 @@ int size_through_temp(int trace_fd, const char* path, uint32_t size_kb) {
         return -1;
     }
     return Trc_RemoveTemp(temp_fd, temp_name);
+}
+
+// Sets the file's modification (and change) time to now, as writing to it
+// does, leaving its access time.
+int mark_rewritten(int fd) {
+    const struct timespec times[2] = {{0, UTIME_OMIT}, {0, UTIME_NOW}};
+    return ::futimens(fd, times);
 }
 
 // The write offset the reopened ring continues from.
@@ -140,8 +148,17 @@ int open_ring(TraceHandle* handle, const char* path, uint32_t requested_kb, uint
     ::fchmod(file.get(), 0644);
 
     const uint32_t size_kb = Trc_RoundSizeKb(requested_kb);
-    if (size_through_temp(file.get(), path, size_kb) != 0) return -1;
     const size_t size = static_cast<size_t>(size_kb) * 1024;
+    if (!is_new && static_cast<size_t>(old_length) >= size) {
+        // Already at least the size: the round trip through a temporary copy
+        // would write the very bytes it read back, so of it only its mark on
+        // the file is made, the modification time that orders the trace
+        // files for removal (the copy is what a process pays once per file,
+        // not on each send).
+        if (mark_rewritten(file.get()) != 0) return -1;
+    } else if (size_through_temp(file.get(), path, size_kb) != 0) {
+        return -1;
+    }
     void* map = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
     if (map == MAP_FAILED) return -1;
     handle->map = static_cast<unsigned char*>(map);

@@ -3,6 +3,7 @@
 #include "send/send_internal.h"
 
 #include "log/trace_record.h"
+#include "util/block_writer.h"
 
 #include <pthread.h>
 #include <unistd.h>
@@ -43,11 +44,25 @@ void WorkFile::remove() {
 
 namespace {
 
+// The pair of level-0 records that tells which write of the staging failed.
+struct StagingFailure {
+    const char* code;
+    const char* error_code;
+};
+constexpr StagingFailure kLineFailed{"MEMDATA0070", "MEMDATA0080"};
+constexpr StagingFailure kLineEndFailed{"MEMDATA0090", "MEMDATA0100"};
+constexpr StagingFailure kRestFailed{"MEMDATA0140", "MEMDATA0150"};
+constexpr StagingFailure kLastLineEndFailed{"MEMDATA0210", "MEMDATA0220"};
+
+// The staged text goes to the file in blocks; a failed write is reported
+// with the pair of the line (or line end) whose bytes did not all arrive.
+using StagingWriter = BlockWriter<const StagingFailure*>;
+
 // Traces a failed write with its pair of codes; the caller cleans up.
-int staging_write_failed(WorkFile& file, const char* code, const char* error_code,
-                         unsigned file_err) {
-    trace(g_trace, 0, code);
-    trace_word(g_trace, 0, error_code, file_err);
+int staging_write_failed(WorkFile& file, const StagingWriter& writer, unsigned file_err) {
+    const StagingFailure* failure = writer.failed_tag();
+    trace(g_trace, 0, failure->code);
+    trace_word(g_trace, 0, failure->error_code, file_err);
     file.remove();
     return -3;
 }
@@ -78,6 +93,7 @@ int stage_text(WorkFile& file, const char* temp_dir, const char* text, unsigned*
         return -3;
     }
 
+    StagingWriter writer(fd, file_err);
     if (text != nullptr) {
         const char* line = text;
         while (const char* lf = std::strchr(line, '\n')) {
@@ -88,23 +104,23 @@ int stage_text(WorkFile& file, const char* temp_dir, const char* text, unsigned*
             }
             if (length > 0) {
                 trace_data(g_trace, 2, "MEMDATA0060", line, length);
-                if (!write_all(fd, line, length, file_err))
-                    return staging_write_failed(file, "MEMDATA0070", "MEMDATA0080", *file_err);
+                if (!writer.put(line, length, &kLineFailed))
+                    return staging_write_failed(file, writer, *file_err);
             }
-            if (!write_all(fd, "\r\n", 2, file_err))
-                return staging_write_failed(file, "MEMDATA0090", "MEMDATA0100", *file_err);
+            if (!writer.put("\r\n", 2, &kLineEndFailed))
+                return staging_write_failed(file, writer, *file_err);
             line = lf + 1;
         }
         const size_t rest = std::strlen(line);
-        if (rest > 0 && !write_all(fd, line, rest, file_err))
-            return staging_write_failed(file, "MEMDATA0140", "MEMDATA0150", *file_err);
+        if (rest > 0 && !writer.put(line, rest, &kRestFailed))
+            return staging_write_failed(file, writer, *file_err);
     }
     // Kept: one more CR LF in every case, so a text ending in LF gets an
     // extra empty line and an absent text is a single CR LF
     // (test TextStaging.LineEndsBecomeCrLfAndAnExtraLineEndFollows).
     trace(g_trace, 2, "MEMDATA0200");
-    if (!write_all(fd, "\r\n", 2, file_err))
-        return staging_write_failed(file, "MEMDATA0210", "MEMDATA0220", *file_err);
+    if (!writer.put("\r\n", 2, &kLastLineEndFailed) || !writer.flush())
+        return staging_write_failed(file, writer, *file_err);
     file.close();
     trace(g_trace, 1, "MEMDATAFFFF");
     return 0;

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -126,6 +127,35 @@ TEST_F(MailLog, ExtraTextIsCutAt1024Bytes) {
     EXPECT_NE(text.find("(timer=9) " + std::string(1024, 'e') + "\r\n"), std::string::npos);
     EXPECT_EQ(text.find(std::string(1025, 'e')), std::string::npos);
     EXPECT_NE(text.find("func=ffff"), std::string::npos);
+}
+
+// Each event line reaches the file in one write, so that a reader never
+// meets half a line: a packet socket in place of the file shows the writes.
+TEST_F(MailLog, EachLineIsOneWrite) {
+    int fds[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds), 0);
+    MailLogHandle handle = {};
+    handle.fd = fds[0];
+    const std::string command(4100, 'c');
+    EXPECT_EQ(MailLogWrite(&handle, 1, "MAIL FROM:<a@b>\r\n"), 0);
+    EXPECT_EQ(MailLogWrite(&handle, 2, "250 ok"), 0);
+    EXPECT_EQ(MailLogSysErrWrite(&handle, "send", -1, 32, nullptr), 0);
+    EXPECT_EQ(MailLogWrite(&handle, 1, command.c_str()), 0);
+    std::vector<std::string> packets;
+    static char buffer[65536];
+    for (;;) {
+        const ssize_t n = ::recv(fds[1], buffer, sizeof buffer, MSG_DONTWAIT);
+        if (n <= 0) break;
+        packets.emplace_back(buffer, static_cast<size_t>(n));
+    }
+    ::close(fds[0]);
+    ::close(fds[1]);
+    ASSERT_EQ(packets.size(), 4u);
+    EXPECT_TRUE(matches(packets[0], kTime + "S: MAIL FROM:<a@b>\r\n")) << packets[0];
+    EXPECT_TRUE(matches(packets[1], kTime + "R: 250 ok\r\n")) << packets[1];
+    EXPECT_TRUE(matches(packets[2], kTime + "-: ERROR: func=send code=-1 detail=32\r\n"))
+        << packets[2];
+    EXPECT_TRUE(matches(packets[3], kTime + "S: " + command + "\r\n"));
 }
 
 TEST_F(MailLog, NullHandleIsAcceptedEverywhere) {

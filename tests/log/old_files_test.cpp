@@ -107,6 +107,57 @@ TEST_F(OldFiles, FilesOfEqualAgeAreAllCounted) {
     EXPECT_EQ(list_dir(trace_dir()).size(), 2u);
 }
 
+// A directory left alone for a while, whose last listing found nothing to
+// delete, may not be listed again; files added since, or a smaller keep
+// count, are still handled as a full listing handles them.
+TEST_F(OldFiles, QuietDirectoryStillSeesNewFilesAndSmallerKeepCounts) {
+    for (int age : {1, 2, 3}) {
+        const std::string path = trace_dir() + "/acert" + std::to_string(age) + ".trc";
+        write_file(path, "x");
+        set_mtime(path, 1000000 + age * 100);
+    }
+    set_mtime(trace_dir(), 2000000);  // unchanged for long
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(DeleteOldFiles(0, "acert", 5, 1), 0);
+        EXPECT_EQ(list_dir(trace_dir()).size(), 3u) << round;
+    }
+    // Keep 2 in the same, unchanged directory: the two oldest go.
+    EXPECT_EQ(DeleteOldFiles(0, "acert", 2, 1), 0);
+    EXPECT_EQ(list_dir(trace_dir()), std::vector<std::string>{"acert3.trc"});
+
+    set_mtime(trace_dir(), 2000000);
+    EXPECT_EQ(DeleteOldFiles(0, "acert", 5, 1), 0);
+    EXPECT_EQ(list_dir(trace_dir()), std::vector<std::string>{"acert3.trc"});
+    for (int age : {4, 5, 6, 7, 8}) {
+        const std::string path = trace_dir() + "/acert" + std::to_string(age) + ".trc";
+        write_file(path, "x");
+        set_mtime(path, 1000000 + age * 100);
+    }
+    EXPECT_EQ(DeleteOldFiles(0, "acert", 5, 1), 0);
+    EXPECT_EQ(list_dir(trace_dir()),
+              (std::vector<std::string>{"acert5.trc", "acert6.trc", "acert7.trc", "acert8.trc"}));
+}
+
+// A symbolic link's target can change without the directory changing: a
+// directory holding a matching link is listed every time.
+TEST_F(OldFiles, LinkWhoseTargetBecomesAFileCounts) {
+    TempDir elsewhere;
+    const std::string target = elsewhere.file("target");
+    ASSERT_EQ(::mkdir(target.c_str(), 0755), 0);
+    write_file(trace_dir() + "/acert1.trc", "x");
+    set_mtime(trace_dir() + "/acert1.trc", 1000000);
+    ASSERT_EQ(::symlink(target.c_str(), (trace_dir() + "/acert2.trc").c_str()), 0);
+    set_mtime(trace_dir(), 2000000);
+    EXPECT_EQ(DeleteOldFiles(0, "acert", 2, 1), 0);  // the link names a directory: one file
+    EXPECT_EQ(list_dir(trace_dir()), (std::vector<std::string>{"acert1.trc", "acert2.trc"}));
+
+    ASSERT_EQ(::rmdir(target.c_str()), 0);
+    write_file(target, "y");
+    set_mtime(target, 3000000);
+    EXPECT_EQ(DeleteOldFiles(0, "acert", 2, 1), 0);  // two files now: the older goes
+    EXPECT_EQ(list_dir(trace_dir()), std::vector<std::string>{"acert2.trc"});
+}
+
 TEST(OldFilesDir, MissingOrNonDirectoryIsMinusOne) {
     TempDir dir;
     EXPECT_EQ(DeleteOldFiles_DIR(dir.file("missing").c_str(), "acert", "trc", 1, 1), -1);

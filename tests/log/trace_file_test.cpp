@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <string>
 #include <utility>
 #include <vector>
@@ -107,6 +108,30 @@ TEST(TraceOpen, ReopenKeepsTheRingAndContinuesAtTheStoredOffset) {
     EXPECT_EQ(second.substr(after_first, 4), "SSSS");
     EXPECT_EQ(second.substr(after_first + 12, 7), "TWOEEEE");
     EXPECT_EQ(word_at(second, 0), after_first + 19);
+}
+
+// Opening a file that is already of its size leaves its bytes as they are
+// and marks it modified now, as copying it back does: old trace files are
+// removed by that time, oldest first.
+TEST(TraceOpen, ReopenLeavesTheBytesAndMarksTheFileModifiedNow) {
+    TempDir dir;
+    const std::string path = dir.file("old.trc");
+    TraceHandle* handle = Topen(path.c_str(), 5, 1);
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(Twrite(handle, 1, "ONE", "data", 4), 0);
+    EXPECT_EQ(Tclose(handle), 0);
+    const std::string before = read_file(path);
+    ASSERT_EQ(before.size(), 8192u);
+    log_test::set_mtime(path, 1000000);
+
+    handle = Topen(path.c_str(), 5, 1);
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(Tclose(handle), 0);
+    EXPECT_EQ(read_file(path), before);
+    struct stat status;
+    ASSERT_EQ(::stat(path.c_str(), &status), 0);
+    EXPECT_GE(status.st_mtime, ::time(nullptr) - 60);
+    EXPECT_EQ(list_dir(dir.path()), std::vector<std::string>{"old.trc"});
 }
 
 TEST(TraceOpen, SmallerFileGrowsAndKeepsItsBytes) {
