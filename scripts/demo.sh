@@ -118,7 +118,7 @@ send() {
   done
   echo "  Postfix delivered $count message(s) into its Maildir"
   find "$KEMAIL_PEER_MAILDIR"/{new,cur} -type f | while read -r f; do
-    if [ "$kind" = whole ]; then cp "$f" "$dir/message.eml"
+    if [ "$kind" != split ]; then cp "$f" "$dir/message.eml"
     else cp "$f" "$dir/piece-$(printf %02d "$(grep -m1 -o 'number=[0-9]*' "$f" | cut -d= -f2)").eml"; fi
   done
   [ "$count" -ge "$want" ]
@@ -176,12 +176,25 @@ in_private_root() {
 
   mail_log_and_trace whole || status=1
   mail_log_and_trace split || status=1
+
+  say "sending it over STARTTLS with AUTH PLAIN (port $KEMAIL_PEER_SMTP_STARTTLS_PORT: AUTH only inside TLS)"
+  (umask 077 && printf '%s\n' "$KEMAIL_PEER_PASSWORD" >"$DEMO_OUT/tls-password")
+  send tls --port "$KEMAIL_PEER_SMTP_STARTTLS_PORT" --tls starttls --tls-ca "$KEMAIL_PEER_TLS_DIR/ca.pem" \
+    --tls-server-name "$KEMAIL_PEER_TLS_NAME" --auth-mechanisms plain --user "$KEMAIL_PEER_USER" \
+    --password-file "$DEMO_OUT/tls-password" -v || status=1
+  rm -f "$DEMO_OUT/tls-password"
+  if [ -f "$DEMO_OUT/tls/message.eml" ]; then
+    say "what arrived (STARTTLS): Postfix's Received header names the TLS session"
+    sed -n '/^Received:/,/^[^ \t]/p' "$DEMO_OUT/tls/message.eml" | sed '$d' | sed 's/^/  /'
+    show mail "$DEMO_OUT/tls/message.eml" "$DEMO_OUT/input" "$DEMO_OUT/tls" >/dev/null || status=1
+    grep -q 'using TLSv1' "$DEMO_OUT/tls/message.eml" || { echo "  no TLS in the Received header"; status=1; }
+  fi
   return "$status"
 }
 export -f say send mail_log_and_trace show in_private_root
 
 if tests/support/private-root.sh bash -c in_private_root; then status=0; else status=1; fi
 cp "$KEMAIL_PEER_LOG_DIR/postfix.log" "$out/postfix.log"
-say "done: $([ $status -eq 0 ] && echo "both sends delivered; subject, text and attachment arrived intact" || echo FAILED)"
-echo "kept in $out/: input/, whole/, split/ (what arrived, kemail-send.out, kesmtp.log, acert.trc, trace.txt), postfix.log"
+say "done: $([ $status -eq 0 ] && echo "all three sends delivered (the third over STARTTLS); subject, text and attachment arrived intact" || echo FAILED)"
+echo "kept in $out/: input/, whole/, split/, tls/ (what arrived, kemail-send.out, kesmtp.log, acert.trc, trace.txt), postfix.log"
 exit $status

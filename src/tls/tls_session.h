@@ -59,6 +59,13 @@ public:
 
     const TlsInfo& info() const noexcept { return info_; }
 
+    // How long a receive or send over the session may wait: the seconds the
+    // protocol's clock has left when the call begins (its phase time-out
+    // for SMTP, the reply time-out for POP3). Without one, 60 seconds.
+    using Clock = unsigned (*)();
+    void set_clock(Clock clock) noexcept { clock_ = clock; }
+    unsigned time_left() const noexcept { return clock_ != nullptr ? clock_() : 60; }
+
 private:
     int wait_for(int ssl_error, unsigned seconds) noexcept;
     void describe_failure(const char* what, char* reason, size_t size) noexcept;
@@ -67,6 +74,7 @@ private:
     SSL_CTX* context_ = nullptr;
     SSL* ssl_ = nullptr;
     int fd_ = -1;
+    Clock clock_ = nullptr;
     TlsInfo info_;
     // Plain text read from the TLS stream but not yet received: one record.
     static constexpr size_t kBufferSize = 16384;
