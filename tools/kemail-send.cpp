@@ -917,7 +917,8 @@ int main(int argc, char** argv) {
     std::string decoded;
     // A TLS failure of POP before SMTP leaves its reason, not a number.
     const bool numeric_detail =
-        !detail.empty() && (std::isdigit(static_cast<unsigned char>(detail[0])) || detail[0] == '-');
+        !detail.empty() &&
+        (std::isdigit(static_cast<unsigned char>(detail[0])) || detail[0] == '-');
     if (!detail.empty() && known && !numeric_detail) {
         decoded = printable(detail);
     } else if (!detail.empty() && known) {

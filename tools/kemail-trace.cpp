@@ -107,7 +107,6 @@ const CodeInfo kCodes[] = {
     {"smtp0e05", Layout::Errno, true},          {"smtp0f02", Layout::Errno, true},
     {"smtp0f03", Layout::Errno, true},          {"smtp0f05", Layout::Errno, true},
     {"AUTHR0005", Layout::Errno, true},         {"INIAH0030", Layout::Result, true},
-    // TLS (keys TLS and POP_TLS).
     {"smtp0052", Layout::None, true},           {"smtp0122B", Layout::None, true},
     {"smtp0122C", Layout::Errno, true},         {"smtp0122D", Layout::Errno, true},
     {"smtp0122F", Layout::None, true},          {"smtp0122G", Layout::None, true},

@@ -84,8 +84,8 @@ int pop3_login(int sock, const char* user, const char* password, char* reply, in
     // Pop3Session.ThePassCommandIsTracedInClear).
     CommandLine pass;
     const int pass_length = pass.format("PASS", password);
-    result = pop3_exchange(sock, {pass.text, pass_length, kHiddenPassword}, kPass, reply, err,
-                           trace);
+    result =
+        pop3_exchange(sock, {pass.text, pass_length, kHiddenPassword}, kPass, reply, err, trace);
     if (result != 0) return result;
     kemail::trace(trace, 1, "Pop3_07ff");
     return 0;

@@ -32,7 +32,8 @@ void refused_reason(char* reply) {
     char line[KEMAIL_MESSAGE_SIZE];
     copy_cut(line, sizeof line, reply);
     size_t length = std::strlen(line);
-    while (length > 0 && (line[length - 1] == '\r' || line[length - 1] == '\n')) line[--length] = '\0';
+    while (length > 0 && (line[length - 1] == '\r' || line[length - 1] == '\n'))
+        line[--length] = '\0';
     format_into(reply, KEMAIL_MESSAGE_SIZE, Overflow::Cut, "STLS refused: %s", line);
     net::log_tls_failure(reply);
 }
@@ -50,8 +51,8 @@ int pop3_start_tls(int sock, const char* server, bool stls, char* reply, int* er
         return kPop3TlsFailed;
     }
     if (stls) {
-        const int result = pop3_exchange(sock, {kStlsCommand, sizeof kStlsCommand - 1}, kStls,
-                                         reply, err, trace);
+        const int result =
+            pop3_exchange(sock, {kStlsCommand, sizeof kStlsCommand - 1}, kStls, reply, err, trace);
         if (result == kPop3TlsFailed) refused_reason(reply);
         if (result != 0) return result;
     }

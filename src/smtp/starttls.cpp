@@ -39,9 +39,8 @@ unsigned phase_time_left() {
 int handshake(int sock, unsigned int* pulErr) {
     const kemail::options::Settings settings = kemail::options::current();
     const char* name = settings.tls_server_name[0] != '\0' ? settings.tls_server_name : s_server;
-    const kemail::tls::TlsSettings tls{.server_name = name,
-                                       .verify = settings.tls_verify,
-                                       .ca_file = settings.tls_ca_file};
+    const kemail::tls::TlsSettings tls{
+        .server_name = name, .verify = settings.tls_verify, .ca_file = settings.tls_ca_file};
     if (kemail::net::start_tls(sock, tls, phase_time_left(), phase_time_left, s_reason,
                                sizeof s_reason) != 0) {
         *pulErr = static_cast<unsigned int>(errno);

@@ -59,8 +59,8 @@ public:
         line.clear();
         char c = 0;
         for (;;) {
-            const int got = ssl_ != nullptr ? SSL_read(ssl_, &c, 1)
-                                            : static_cast<int>(::recv(fd_, &c, 1, 0));
+            const int got =
+                ssl_ != nullptr ? SSL_read(ssl_, &c, 1) : static_cast<int>(::recv(fd_, &c, 1, 0));
             if (got <= 0) return false;
             line += c;
             if (c == '\n') return true;

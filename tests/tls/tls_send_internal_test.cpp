@@ -191,7 +191,8 @@ TEST_F(TlsSend, StartTlsRefusedGivesMinus30WithTheReply) {
     set("TLS", "starttls");
     Mail mail(server.port());
     EXPECT_EQ(mail.send(), KEMAIL_E_TLS);
-    EXPECT_STREQ(mail.message, "STARTTLS refused: 454 4.7.0 TLS not available due to local problem");
+    EXPECT_STREQ(mail.message,
+                 "STARTTLS refused: 454 4.7.0 TLS not available due to local problem");
     EXPECT_EQ(server.lines(),
               (std::vector<std::string>{"plain: " + host_ehlo(), "plain: STARTTLS\r\n"}));
 }
@@ -359,10 +360,10 @@ TEST_F(TlsSend, PopBeforeSmtpWithStls) {
     Mail mail(smtp_server.port());
     mail.auth = &pop.auth;
     ASSERT_EQ(mail.send(), KEMAIL_OK) << mail.message;
-    EXPECT_EQ(pop_server.lines(),
-              (std::vector<std::string>{"plain: STLS\r\n", "tls: USER popuser\r\n",
-                                        "tls: PASS pop-Sekr1t\r\n", "tls: STAT\r\n",
-                                        "tls: QUIT\r\n"}));
+    EXPECT_EQ(
+        pop_server.lines(),
+        (std::vector<std::string>{"plain: STLS\r\n", "tls: USER popuser\r\n",
+                                  "tls: PASS pop-Sekr1t\r\n", "tls: STAT\r\n", "tls: QUIT\r\n"}));
     EXPECT_TRUE(starts_with(smtp_server.lines().at(0), "plain: EHLO"));
     EXPECT_EQ(new_log().find("pop-Sekr1t"), std::string::npos);
 }
