@@ -3,7 +3,8 @@
 # Installs what is missing, builds the library and installs it (with kemail-send
 # and kemail-trace) into out/demo/prefix, starts Postfix on loopback, and sends
 # a Japanese mail (Shift_JIS subject and text, a 200 KB attachment) with the
-# installed kemail-send: once whole, once as message/partial pieces. Shows what
+# installed kemail-send: once whole, once as message/partial pieces, once over
+# STARTTLS with AUTH PLAIN (the test CA's certificate verified). Shows what
 # arrived, decoded (Python's email package; GMime joins the pieces), the
 # attachment's sha256 beside the original's, the library's mail log and trace.
 # The sends run in a private mount namespace (tests/support/private-root.sh), so
