@@ -46,8 +46,10 @@ constexpr int kRsetRefused = -27;
 constexpr int kCommandTooLong = -28;
 constexpr int kFileError = -32;
 // TLS was asked for (key TLS) and could not be established; the reason is in
-// tls_failure_reason(). Nothing after EHLO has been sent in clear.
-constexpr int kTlsFailed = -30;
+// tls_failure_reason(). Nothing after EHLO has been sent in clear. The
+// driver reports it as the public -30; the internal -30 stays what it was
+// (an internal failure), so this code lies apart from the designed ones.
+constexpr int kTlsFailed = -40;
 
 // Length of the text in a reply buffer: a line that filled the buffer has no
 // NUL, so the search stops at the buffer's end.
