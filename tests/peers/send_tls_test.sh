@@ -115,13 +115,21 @@ popauth=(--from "agent@$KEMAIL_PEER_DOMAIN" --to "$foreign" --server "$KEMAIL_PE
          --port "$KEMAIL_PEER_SMTP_POPAUTH_PORT" --subject "$(cat "$in/subject.sjis")"
          --body "$in/body.sjis" --pop-server "$KEMAIL_PEER_HOST" --pop-user "$KEMAIL_PEER_USER"
          --pop-password-file "$SEND_WORK/password" --pop-timeout 60 --tls-ca "$ca")
+# tls_logins: how many POP3 log-ins Dovecot has logged as made over TLS.
+tls_logins() {
+  grep -c "pop3-login: Info: Login: user=<$KEMAIL_PEER_USER>, .*, TLS, " "$KEMAIL_PEER_LOG_DIR/dovecot-pop3.log"
+}
+
 for pop_mode in stls pop3s; do
   if [ "$pop_mode" = stls ]; then pop_port=$KEMAIL_PEER_POP3_PORT; else pop_port=$KEMAIL_PEER_POP3S_PORT; fi
   echo "# POP before SMTP, $pop_mode (port $pop_port)"
   peers_popauth_clear || { echo "FAIL: cannot empty the POP-before-SMTP map" >&2; exit 1; }
   peers_maildir_clear
+  before=$(tls_logins)
   send_mail "pop-$pop_mode" "${popauth[@]}" --pop-port "$pop_port" --pop-tls "$pop_mode"
   peers_check "POP $pop_mode: result 0" send_result_is "pop-$pop_mode" 0
+  peers_check "POP $pop_mode: Dovecot logged one log-in over TLS" \
+    send_eventually send_count_is $((before + 1)) tls_logins
   peers_check "POP $pop_mode: the message is delivered" peers_wait_maildir 1
 done
 
