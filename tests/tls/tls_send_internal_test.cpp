@@ -68,10 +68,13 @@ LineTlsServer::Handler smtp_peer(SmtpPeer peer) {
                 c.send("250 2.1.0 Ok\r\n");
             } else if (starts_with(line, "DATA")) {
                 c.send("354 End data with <CR><LF>.<CR><LF>\r\n");
-                while (c.read_line(line) && line != ".\r\n") {
-                }
+                size_t bytes = 0;
+                while (c.read_line(line) && line != ".\r\n") bytes += line.size();
+                server.record(c, "(" + std::to_string(bytes) + " bytes)\r\n");
                 server.record(c, ".\r\n");
                 c.send("250 2.0.0 Ok: queued\r\n");
+            } else if (starts_with(line, "RSET")) {
+                c.send("250 2.0.0 Ok\r\n");
             } else if (starts_with(line, "QUIT")) {
                 c.send("221 2.0.0 Bye\r\n");
                 return;
@@ -282,6 +285,40 @@ TEST_F(TlsSend, APeerClosingAtTheHandshakeGivesMinus30) {
     Mail mail(server.port());
     EXPECT_EQ(mail.send(), KEMAIL_E_TLS);
     EXPECT_EQ(std::string(mail.message).rfind("handshake failed: ", 0), 0u) << mail.message;
+}
+
+// Message data in many TLS records and writes, whole and in pieces: the
+// send loop and the reply reader work the same over TLS.
+TEST_F(TlsSend, ALargeMailWholeAndSplitGoesThroughTls) {
+    kemail_test::TempDir dir;
+    const std::string path = dir.file("data.bin");
+    std::string data(400 * 1024, '\0');
+    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>((i * 7919) >> 3);
+    kemail_test::write_file(path, data);
+    set("TLS", "starttls");
+    set("TLS_CA_FILE", pki_.ca());
+    for (unsigned split : {0u, 1u}) {
+        LineTlsServer server(pki_.server_cert(), pki_.server_key(), smtp_peer({}));
+        Mail mail(server.port());
+        mail.attachments.push_back({KEMAIL_CONTENT_ATTACHMENT, path});
+        mail.split = split;
+        ASSERT_EQ(mail.send(), KEMAIL_OK) << mail.message;
+        size_t transactions = 0, bytes = 0;
+        for (const std::string& line : server.lines()) {
+            EXPECT_FALSE(starts_with(line, "plain: MAIL")) << line;
+            if (starts_with(line, "tls: (")) {
+                ++transactions;
+                bytes += std::stoul(line.substr(6));
+            }
+        }
+        // base64 makes 4 bytes of 3, and the lines their CR LF.
+        EXPECT_GT(bytes, data.size() * 4 / 3) << split;
+        if (split == 0) {
+            EXPECT_EQ(transactions, 1u);
+        } else {
+            EXPECT_GE(transactions, 8u) << "pieces of 64 KB";
+        }
+    }
 }
 
 // After the handshake the connection is a socket like any other: a peer
