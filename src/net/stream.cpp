@@ -27,8 +27,12 @@ ssize_t stream_recv(int sock, char* buf, size_t length) {
 }
 
 bool stream_buffered(int sock) {
-    const tls::TlsSession* session = tls::session_for(sock);
-    return session != nullptr && session->pending();
+    tls::TlsSession* session = tls::session_for(sock);
+    if (session == nullptr) return false;
+    // What was written must leave before the wait for the answer to it; a
+    // failure is then reported by the read that follows at once.
+    if (session->has_output() && session->flush(session->time_left()) != 0) return true;
+    return session->pending();
 }
 
 }  // namespace kemail::net

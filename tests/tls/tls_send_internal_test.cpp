@@ -31,6 +31,7 @@ struct SmtpPeer {
     bool refuse_starttls = false;
     enum class AfterReady { Handshake, Close, Stall, CloseAfterHandshake };
     AfterReady after_ready = AfterReady::Handshake;
+    bool close_in_data = false;
 };
 
 bool starts_with(const std::string& line, const char* word) {
@@ -68,6 +69,7 @@ LineTlsServer::Handler smtp_peer(SmtpPeer peer) {
                 c.send("250 2.1.0 Ok\r\n");
             } else if (starts_with(line, "DATA")) {
                 c.send("354 End data with <CR><LF>.<CR><LF>\r\n");
+                if (peer.close_in_data) return;
                 size_t bytes = 0;
                 while (c.read_line(line) && line != ".\r\n") bytes += line.size();
                 server.record(c, "(" + std::to_string(bytes) + " bytes)\r\n");
@@ -330,6 +332,20 @@ TEST_F(TlsSend, APeerClosingAfterTheHandshakeGivesTheClosedSocketResult) {
     set("TLS", "starttls");
     set("TLS_CA_FILE", pki_.ca());
     Mail mail(server.port());
+    EXPECT_EQ(mail.send(), KEMAIL_E_SOCKET) << mail.message;
+}
+
+TEST_F(TlsSend, APeerClosingDuringTheDataGivesTheClosedSocketResult) {
+    kemail_test::TempDir dir;
+    const std::string path = dir.file("data.bin");
+    kemail_test::write_file(path, std::string(2 * 1024 * 1024, 'd'));
+    SmtpPeer peer;
+    peer.close_in_data = true;
+    LineTlsServer server(pki_.server_cert(), pki_.server_key(), smtp_peer(peer));
+    set("TLS", "starttls");
+    set("TLS_CA_FILE", pki_.ca());
+    Mail mail(server.port());
+    mail.attachments.push_back({KEMAIL_CONTENT_ATTACHMENT, path});
     EXPECT_EQ(mail.send(), KEMAIL_E_SOCKET) << mail.message;
 }
 
