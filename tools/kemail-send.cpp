@@ -942,6 +942,7 @@ int main(int argc, char** argv) {
         result == KEMAIL_E_NO_MEMORY)
         facts.phase = "compose";
     if (result <= KEMAIL_E_POP_REFUSED && result >= KEMAIL_E_POP_UNREACHABLE) facts.phase = "pop";
+    if (result == KEMAIL_E_TLS) facts.phase = "tls";
     if (facts.phase.empty() || result == KEMAIL_E_ARGUMENT || result == KEMAIL_E_RECIPIENT)
         facts.phase = result >= 0 ? facts.phase : "checks";
     const int exit_code = exit_code_for(result, require_auth, detail, facts, host_resolves);

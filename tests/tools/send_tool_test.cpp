@@ -313,6 +313,7 @@ TEST(SendTool, TlsOptionsAreCheckedAndStartTlsNotOfferedIsProtocolError) {
     EXPECT_TRUE(has(run.out, "\"code\":-30,\"name\":\"KEMAIL_E_TLS\"")) << run.out;
     EXPECT_TRUE(has(run.out, "\"detail\":\"STARTTLS not offered\"")) << run.out;
     EXPECT_TRUE(has(run.err, "failed: KEMAIL_E_TLS (-30)")) << run.err;
+    EXPECT_TRUE(has(run.out, "\"phase\":\"tls\"")) << run.out;
     EXPECT_FALSE(has(server.received(), "MAIL FROM")) << server.received();
 }
 
