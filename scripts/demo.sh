@@ -92,7 +92,7 @@ send() {
   shift
   mkdir -p "$dir" && find "$KEMAIL_PEER_MAILDIR"/{new,cur} -type f -delete
   local args=(--from "agent@$KEMAIL_PEER_DOMAIN" --to "$KEMAIL_PEER_USER@$KEMAIL_PEER_DOMAIN"
-              --server "$KEMAIL_PEER_HOST" --port "$KEMAIL_PEER_SMTP_OPEN_PORT"
+              --server "$KEMAIL_PEER_HOST" --port "${DEMO_PORT:-$KEMAIL_PEER_SMTP_OPEN_PORT}"
               --subject "$(cat "$DEMO_OUT/input/subject.sjis")" --body "$DEMO_OUT/input/body.sjis"
               --attach "$DEMO_OUT/input/report.bin" "$@")
   printf '$ kemail-send'
@@ -136,7 +136,7 @@ mail_log_and_trace() {
   say "mail log of the $1 send: $log (S: sent, R: received; Shift_JIS shown as UTF-8)"
   # The subject is logged as given, in Shift_JIS.
   iconv -f CP932 -t UTF-8 -c "$log" | sed 's/\r$//' >"$dir/kesmtp.utf8.log"
-  if [ "$1" = whole ]; then cat "$dir/kesmtp.utf8.log"; else
+  if [ "$1" != split ]; then cat "$dir/kesmtp.utf8.log"; else
     head -n 24 "$dir/kesmtp.utf8.log"
     echo "... $(wc -l <"$log") lines in all, $(grep -c 'queued as' "$log") pieces queued; the last lines:"
     tail -n 6 "$dir/kesmtp.utf8.log"
@@ -180,9 +180,9 @@ in_private_root() {
 
   say "sending it over STARTTLS with AUTH PLAIN (port $KEMAIL_PEER_SMTP_STARTTLS_PORT: AUTH only inside TLS)"
   (umask 077 && printf '%s\n' "$KEMAIL_PEER_PASSWORD" >"$DEMO_OUT/tls-password")
-  send tls --port "$KEMAIL_PEER_SMTP_STARTTLS_PORT" --tls starttls --tls-ca "$KEMAIL_PEER_TLS_DIR/ca.pem" \
+  DEMO_PORT=$KEMAIL_PEER_SMTP_STARTTLS_PORT send tls --tls starttls --tls-ca "$KEMAIL_PEER_TLS_DIR/ca.pem" \
     --tls-server-name "$KEMAIL_PEER_TLS_NAME" --auth-mechanisms plain --user "$KEMAIL_PEER_USER" \
-    --password-file "$DEMO_OUT/tls-password" -v || status=1
+    --password-file "$DEMO_OUT/tls-password" || status=1
   rm -f "$DEMO_OUT/tls-password"
   if [ -f "$DEMO_OUT/tls/message.eml" ]; then
     say "what arrived (STARTTLS): Postfix's Received header names the TLS session"
@@ -190,6 +190,7 @@ in_private_root() {
     show mail "$DEMO_OUT/tls/message.eml" "$DEMO_OUT/input" "$DEMO_OUT/tls" >/dev/null || status=1
     grep -q 'using TLSv1' "$DEMO_OUT/tls/message.eml" || { echo "  no TLS in the Received header"; status=1; }
   fi
+  mail_log_and_trace tls || status=1
   return "$status"
 }
 export -f say send mail_log_and_trace show in_private_root
