@@ -29,7 +29,7 @@ struct SmtpPeer {
     bool smtps = false;
     bool offer_starttls = true;
     bool refuse_starttls = false;
-    enum class AfterReady { Handshake, Close, Stall, CloseAfterHandshake };
+    enum class AfterReady { Handshake, Close, Stall, CloseAfterHandshake, ResetAfterHandshake };
     AfterReady after_ready = AfterReady::Handshake;
     bool close_in_data = false;
 };
@@ -63,6 +63,11 @@ LineTlsServer::Handler smtp_peer(SmtpPeer peer) {
                 }
                 if (!c.start_tls()) return;
                 if (peer.after_ready == SmtpPeer::AfterReady::CloseAfterHandshake) return;
+                if (peer.after_ready == SmtpPeer::AfterReady::ResetAfterHandshake) {
+                    const linger abort{1, 0};  // close answers with RST
+                    setsockopt(c.fd(), SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+                    return;
+                }
             } else if (starts_with(line, "AUTH")) {
                 c.send("235 2.7.0 Authentication successful\r\n");
             } else if (starts_with(line, "MAIL") || starts_with(line, "RCPT")) {
@@ -347,6 +352,37 @@ TEST_F(TlsSend, APeerClosingDuringTheDataGivesTheClosedSocketResult) {
     Mail mail(server.port());
     mail.attachments.push_back({KEMAIL_CONTENT_ATTACHMENT, path});
     EXPECT_EQ(mail.send(), KEMAIL_E_SOCKET) << mail.message;
+}
+
+TEST_F(TlsSend, APeerResettingAfterTheHandshakeGivesTheClosedSocketResult) {
+    SmtpPeer peer;
+    peer.after_ready = SmtpPeer::AfterReady::ResetAfterHandshake;
+    LineTlsServer server(pki_.server_cert(), pki_.server_key(), smtp_peer(peer));
+    set("TLS", "starttls");
+    set("TLS_CA_FILE", pki_.ca());
+    Mail mail(server.port());
+    EXPECT_EQ(mail.send(), KEMAIL_E_SOCKET) << mail.message;
+}
+
+// The keys in kemail.ini work as those set with ZvKe_SetOption do, and an
+// override wins over the file.
+TEST_F(TlsSend, TheKeysOfKemailIniAreTaken) {
+    const std::string ini = kemail_test::etc_dir() + "/kemail.ini";
+    kemail_test::write_file(ini, "[KEMAIL]\nTLS=starttls\nTLS_CA_FILE=" + pki_.ca() + "\n");
+    {
+        LineTlsServer server(pki_.server_cert(), pki_.server_key(), smtp_peer({}));
+        Mail mail(server.port());
+        EXPECT_EQ(mail.send(), KEMAIL_OK) << mail.message;
+        EXPECT_EQ(server.lines().at(1), "plain: STARTTLS\r\n");
+    }
+    set("TLS", "none");
+    {
+        LineTlsServer server(pki_.server_cert(), pki_.server_key(), smtp_peer({}));
+        Mail mail(server.port());
+        EXPECT_EQ(mail.send(), KEMAIL_OK) << mail.message;
+        EXPECT_EQ(joined(server.lines()).find("STARTTLS"), std::string::npos);
+    }
+    unlink(ini.c_str());
 }
 
 // A peer that answers 220 and then says nothing: the handshake ends with
