@@ -32,6 +32,7 @@ struct SmtpPeer {
     enum class AfterReady { Handshake, Close, Stall, CloseAfterHandshake, ResetAfterHandshake };
     AfterReady after_ready = AfterReady::Handshake;
     bool close_in_data = false;
+    bool auth_in_clear_only = false;  // AUTH announced before STARTTLS, not after
 };
 
 bool starts_with(const std::string& line, const char* word) {
@@ -48,7 +49,7 @@ LineTlsServer::Handler smtp_peer(SmtpPeer peer) {
             if (starts_with(line, "EHLO")) {
                 std::string reply = "250-kemail-test\r\n";
                 if (!c.encrypted() && peer.offer_starttls) reply += "250-STARTTLS\r\n";
-                if (c.encrypted()) reply += "250-AUTH PLAIN\r\n";
+                if (c.encrypted() != peer.auth_in_clear_only) reply += "250-AUTH PLAIN\r\n";
                 c.send(reply + "250 8BITMIME\r\n");
             } else if (starts_with(line, "STARTTLS")) {
                 if (peer.refuse_starttls) {
@@ -179,6 +180,25 @@ TEST_F(TlsSend, StartTlsAuthenticatesAndSendsInsideTls) {
     EXPECT_NE(log.find(" S: MAIL FROM:<sender@example.test>\r\n"), std::string::npos);
     EXPECT_EQ(log.find("Sekr1t-pw"), std::string::npos);
     EXPECT_EQ(log.find("dXNlcgB1c2VyAFNla3IxdC1wdw"), std::string::npos) << "the AUTH string";
+}
+
+// The mechanisms come from the EHLO reply inside TLS only: AUTH announced
+// in clear and not repeated is not used.
+TEST_F(TlsSend, AuthAnnouncedOnlyInClearIsNotUsed) {
+    SmtpPeer peer;
+    peer.auth_in_clear_only = true;
+    LineTlsServer server(pki_.server_cert(), pki_.server_key(), smtp_peer(peer));
+    set("TLS", "starttls");
+    set("TLS_CA_FILE", pki_.ca());
+    AuthCertInfo cert{};
+    cert.ulMechanisms = KEMAIL_MECH_PLAIN;
+    std::strcpy(cert.szUser, "user");
+    std::strcpy(cert.szPassword, "Sekr1t-pw");
+    MailAuthInfo auth{KEMAIL_AUTH_SMTP, 0, &cert};
+    Mail mail(server.port());
+    mail.auth = &auth;
+    EXPECT_EQ(mail.send(), KEMAIL_W_NO_AUTH) << mail.message;
+    EXPECT_EQ(joined(server.lines()).find("AUTH"), std::string::npos) << joined(server.lines());
 }
 
 TEST_F(TlsSend, StartTlsNotOfferedGivesMinus30AndNothingAfterEhlo) {
