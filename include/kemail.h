@@ -61,6 +61,7 @@ extern "C" {
 #define KEMAIL_E_INTERNAL        (-20) /* any other internal failure */
 #define KEMAIL_E_AUTH_REFUSED    (-25) /* first MAIL/RCPT refused after every AUTH was refused */
 #define KEMAIL_E_NO_AUTH         (-26) /* first MAIL/RCPT refused after no AUTH took place */
+#define KEMAIL_E_TLS             (-30) /* TLS asked for (key TLS) could not be established; detail: reason */
 
 /* The caller's message buffer must hold at least this many bytes. */
 #define KEMAIL_MESSAGE_SIZE 256
@@ -161,11 +162,17 @@ KEMAIL_API int ZvKe_SendEMailPartial_parts(unsigned int ulReserved, MailAddressI
  * precedence over section KEMAIL of kemail.ini; a null value removes the
  * override. Returns 0, or -1 for an unknown key, a key whose behaviour this
  * version does not have, or a value it does not accept (nothing changes
- * then). Planned keys: INPUT_CHARSET (UTF-8), TLS (none, starttls, smtps),
- * TLS_VERIFY (0, 1), TLS_CA_FILE, TLS_SERVER_NAME, POP_TLS (none, stls,
- * pop3s), ADDRESS_FAMILY (ipv4, any), PIPELINING (0, 1). This version has
- * none of them yet: every key answers -1, so that a caller who asks for TLS
- * learns it is not there instead of sending in clear. */
+ * then), so that a caller who asks for TLS from a version without it learns
+ * so instead of sending in clear. Keys taken:
+ *   TLS (none, starttls, smtps)
+ *   TLS_VERIFY (0, 1)
+ *   TLS_CA_FILE (a PEM file of trusted roots)
+ *   TLS_SERVER_NAME (the host name to verify and send as SNI)
+ *   POP_TLS (none, stls, pop3s)
+ * Keys planned, answering -1 in this version:
+ *   INPUT_CHARSET (UTF-8)
+ *   ADDRESS_FAMILY (ipv4, any)
+ *   PIPELINING (0, 1) */
 KEMAIL_API int ZvKe_SetOption(const char* key, const char* value) KEMAIL_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */

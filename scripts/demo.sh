@@ -3,7 +3,8 @@
 # Installs what is missing, builds the library and installs it (with kemail-send
 # and kemail-trace) into out/demo/prefix, starts Postfix on loopback, and sends
 # a Japanese mail (Shift_JIS subject and text, a 200 KB attachment) with the
-# installed kemail-send: once whole, once as message/partial pieces. Shows what
+# installed kemail-send: once whole, once as message/partial pieces, once over
+# STARTTLS with AUTH PLAIN (the test CA's certificate verified). Shows what
 # arrived, decoded (Python's email package; GMime joins the pieces), the
 # attachment's sha256 beside the original's, the library's mail log and trace.
 # The sends run in a private mount namespace (tests/support/private-root.sh), so
@@ -91,7 +92,7 @@ send() {
   shift
   mkdir -p "$dir" && find "$KEMAIL_PEER_MAILDIR"/{new,cur} -type f -delete
   local args=(--from "agent@$KEMAIL_PEER_DOMAIN" --to "$KEMAIL_PEER_USER@$KEMAIL_PEER_DOMAIN"
-              --server "$KEMAIL_PEER_HOST" --port "$KEMAIL_PEER_SMTP_OPEN_PORT"
+              --server "$KEMAIL_PEER_HOST" --port "${DEMO_PORT:-$KEMAIL_PEER_SMTP_OPEN_PORT}"
               --subject "$(cat "$DEMO_OUT/input/subject.sjis")" --body "$DEMO_OUT/input/body.sjis"
               --attach "$DEMO_OUT/input/report.bin" "$@")
   printf '$ kemail-send'
@@ -118,7 +119,7 @@ send() {
   done
   echo "  Postfix delivered $count message(s) into its Maildir"
   find "$KEMAIL_PEER_MAILDIR"/{new,cur} -type f | while read -r f; do
-    if [ "$kind" = whole ]; then cp "$f" "$dir/message.eml"
+    if [ "$kind" != split ]; then cp "$f" "$dir/message.eml"
     else cp "$f" "$dir/piece-$(printf %02d "$(grep -m1 -o 'number=[0-9]*' "$f" | cut -d= -f2)").eml"; fi
   done
   [ "$count" -ge "$want" ]
@@ -135,7 +136,7 @@ mail_log_and_trace() {
   say "mail log of the $1 send: $log (S: sent, R: received; Shift_JIS shown as UTF-8)"
   # The subject is logged as given, in Shift_JIS.
   iconv -f CP932 -t UTF-8 -c "$log" | sed 's/\r$//' >"$dir/kesmtp.utf8.log"
-  if [ "$1" = whole ]; then cat "$dir/kesmtp.utf8.log"; else
+  if [ "$1" != split ]; then cat "$dir/kesmtp.utf8.log"; else
     head -n 24 "$dir/kesmtp.utf8.log"
     echo "... $(wc -l <"$log") lines in all, $(grep -c 'queued as' "$log") pieces queued; the last lines:"
     tail -n 6 "$dir/kesmtp.utf8.log"
@@ -176,12 +177,26 @@ in_private_root() {
 
   mail_log_and_trace whole || status=1
   mail_log_and_trace split || status=1
+
+  say "sending it over STARTTLS with AUTH PLAIN (port $KEMAIL_PEER_SMTP_STARTTLS_PORT: AUTH only inside TLS)"
+  (umask 077 && printf '%s\n' "$KEMAIL_PEER_PASSWORD" >"$DEMO_OUT/tls-password")
+  DEMO_PORT=$KEMAIL_PEER_SMTP_STARTTLS_PORT send tls --tls starttls --tls-ca "$KEMAIL_PEER_TLS_DIR/ca.pem" \
+    --tls-server-name "$KEMAIL_PEER_TLS_NAME" --auth-mechanisms plain --user "$KEMAIL_PEER_USER" \
+    --password-file "$DEMO_OUT/tls-password" || status=1
+  rm -f "$DEMO_OUT/tls-password"
+  if [ -f "$DEMO_OUT/tls/message.eml" ]; then
+    say "what arrived (STARTTLS): Postfix's Received header names the TLS session"
+    sed -n '/^Received:/,/^[^ \t]/p' "$DEMO_OUT/tls/message.eml" | sed '$d' | sed 's/^/  /'
+    show mail "$DEMO_OUT/tls/message.eml" "$DEMO_OUT/input" "$DEMO_OUT/tls" >/dev/null || status=1
+    grep -q 'using TLSv1' "$DEMO_OUT/tls/message.eml" || { echo "  no TLS in the Received header"; status=1; }
+  fi
+  mail_log_and_trace tls || status=1
   return "$status"
 }
 export -f say send mail_log_and_trace show in_private_root
 
 if tests/support/private-root.sh bash -c in_private_root; then status=0; else status=1; fi
 cp "$KEMAIL_PEER_LOG_DIR/postfix.log" "$out/postfix.log"
-say "done: $([ $status -eq 0 ] && echo "both sends delivered; subject, text and attachment arrived intact" || echo FAILED)"
-echo "kept in $out/: input/, whole/, split/ (what arrived, kemail-send.out, kesmtp.log, acert.trc, trace.txt), postfix.log"
+say "done: $([ $status -eq 0 ] && echo "all three sends delivered (the third over STARTTLS); subject, text and attachment arrived intact" || echo FAILED)"
+echo "kept in $out/: input/, whole/, split/, tls/ (what arrived, kemail-send.out, kesmtp.log, acert.trc, trace.txt), postfix.log"
 exit $status

@@ -23,6 +23,7 @@
 #include <arpa/inet.h>
 
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -91,6 +92,7 @@ const ResultName kResults[] = {
      "first MAIL/RCPT refused after the server refused every AUTH mechanism", Detail::Reply},
     {KEMAIL_E_NO_AUTH, "KEMAIL_E_NO_AUTH", "first MAIL/RCPT refused after no AUTH took place",
      Detail::Reply},
+    {KEMAIL_E_TLS, "KEMAIL_E_TLS", "TLS could not be established", Detail::None},
 };
 
 const ResultName* find_result(int code) {
@@ -141,6 +143,16 @@ void print_help() {
         "                           the authentication asked for (result 2); without\n"
         "                           it that is a warning and exit 0\n"
         "\n"
+        "TLS (through ZvKe_SetOption; the library verifies the server's certificate):\n"
+        "  --tls MODE               none, starttls (STARTTLS required: nothing after EHLO\n"
+        "                           goes in clear) or smtps (TLS from the first byte;\n"
+        "                           port 465 unless --port); default none\n"
+        "  --tls-ca FILE            trusted roots (PEM) instead of the system's store\n"
+        "  --tls-server-name NAME   the name to verify and send as SNI (default --server)\n"
+        "  --tls-no-verify          encrypt without verifying the certificate\n"
+        "  --pop-tls MODE           POP before SMTP over TLS: none, stls, or pop3s\n"
+        "                           (port 995 unless --pop-port)\n"
+        "\n"
         "POP before SMTP (password from $KEMAIL_POP_PASSWORD or --pop-password-file):\n"
         "  --pop-server HOST        log in to this POP3 server before sending\n"
         "  --pop-port N             POP3 port (default: service \"pop3\", else 110)\n"
@@ -171,6 +183,7 @@ void print_help() {
         "  73  a work file cannot be created\n"
         "  74  a work file cannot be read or written\n"
         "  75  temporary: server unreachable, time-out, connection lost, 4xx reply\n"
+        "  76  TLS could not be established (result -30)\n"
         "  77  authentication: AUTH or POP log-in refused, or result 2 with\n"
         "      --require-auth\n"
         "\n"
@@ -473,6 +486,7 @@ int exit_code_for(int result, bool require_auth, const std::string& detail,
         case KEMAIL_E_POP_REFUSED:
         case KEMAIL_E_AUTH_REFUSED:
         case KEMAIL_E_NO_AUTH: return EX_NOPERM;
+        case KEMAIL_E_TLS: return EX_PROTOCOL;
         default: return EX_SOFTWARE;
     }
 }
@@ -506,7 +520,59 @@ enum Option {
     kPopTimeout,
     kJson,
     kVersion,
+    kTls,
+    kTlsCa,
+    kTlsServerName,
+    kTlsNoVerify,
+    kPopTls,
 };
+
+// The TLS options, handed to the library as ZvKe_SetOption keys.
+struct TlsOptions {
+    std::vector<std::pair<const char*, std::string>> keys;
+    bool smtps = false;
+    bool pop3s = false;
+};
+
+// Takes one TLS option; false with the reason when its value is refused.
+bool take_tls_option(int opt, const char* value, TlsOptions* tls, std::string* why) {
+    switch (opt) {
+        case kTls:
+            if (std::strcmp(value, "none") != 0 && std::strcmp(value, "starttls") != 0 &&
+                std::strcmp(value, "smtps") != 0) {
+                *why = std::string("--tls ") + value + ": needs none, starttls or smtps";
+                return false;
+            }
+            tls->smtps = std::strcmp(value, "smtps") == 0;
+            tls->keys.emplace_back("TLS", value);
+            return true;
+        case kTlsCa: tls->keys.emplace_back("TLS_CA_FILE", value); return true;
+        case kTlsServerName: tls->keys.emplace_back("TLS_SERVER_NAME", value); return true;
+        case kTlsNoVerify: tls->keys.emplace_back("TLS_VERIFY", "0"); return true;
+        case kPopTls:
+            if (std::strcmp(value, "none") != 0 && std::strcmp(value, "stls") != 0 &&
+                std::strcmp(value, "pop3s") != 0) {
+                *why = std::string("--pop-tls ") + value + ": needs none, stls or pop3s";
+                return false;
+            }
+            tls->pop3s = std::strcmp(value, "pop3s") == 0;
+            tls->keys.emplace_back("POP_TLS", value);
+            return true;
+    }
+    return false;
+}
+
+// Hands the TLS options to the library; false with the reason for a value it
+// refuses (a CA file name too long, a server name with blanks).
+bool apply_tls_options(const TlsOptions& tls, std::string* why) {
+    for (const auto& [key, value] : tls.keys) {
+        if (ZvKe_SetOption(key, value.c_str()) != 0) {
+            *why = std::string("the library refuses ") + key + "=" + value;
+            return false;
+        }
+    }
+    return true;
+}
 
 struct TimeoutOption {
     const char* name;
@@ -556,6 +622,11 @@ int main(int argc, char** argv) {
         {"pop-wait", required_argument, nullptr, kPopWait},
         {"pop-timeout", required_argument, nullptr, kPopTimeout},
         {"json", no_argument, nullptr, kJson},
+        {"tls", required_argument, nullptr, kTls},
+        {"tls-ca", required_argument, nullptr, kTlsCa},
+        {"tls-server-name", required_argument, nullptr, kTlsServerName},
+        {"tls-no-verify", no_argument, nullptr, kTlsNoVerify},
+        {"pop-tls", required_argument, nullptr, kPopTls},
         {"verbose", no_argument, nullptr, 'v'},
         {"help", no_argument, nullptr, 'h'},
         {"version", no_argument, nullptr, kVersion},
@@ -577,6 +648,8 @@ int main(int argc, char** argv) {
         {"--timeout-block", &timeouts.lDataBlock}, {"--timeout-end", &timeouts.lDataEnd},
     };
 
+    TlsOptions tls;
+    std::string tls_why;
     opterr = 0;
     int opt;
     while ((opt = getopt_long(argc, argv, ":hv", kOptions, nullptr)) != -1) {
@@ -642,6 +715,14 @@ int main(int argc, char** argv) {
                 pop.usTimeOut = static_cast<uint16_t>(value), have_pop = true;
                 break;
             case kJson: json = true; break;
+            case kTls:
+            case kTlsCa:
+            case kTlsServerName:
+            case kTlsNoVerify:
+            case kPopTls:
+                if (!take_tls_option(opt, optarg ? optarg : "", &tls, &tls_why))
+                    return usage_error(tls_why);
+                break;
             case 'v': verbose = true; break;
             case 'h': print_help(); return EX_OK;
             case kVersion:
@@ -784,6 +865,8 @@ int main(int argc, char** argv) {
         auth_record = &auth;
     }
 
+    if (!apply_tls_options(tls, &tls_why)) return usage_error(tls_why);
+
     const Paths paths = library_paths();
     const bool terminal = ::isatty(STDERR_FILENO) == 1;
     if (verbose || terminal) {
@@ -791,7 +874,9 @@ int main(int argc, char** argv) {
                      "%s: sending through %s port %s (a refused connection is tried again"
                      " for up to 5 seconds)\n",
                      kProgram, server.c_str(),
-                     options.ulPort != 0 ? std::to_string(options.ulPort).c_str() : "smtp/25");
+                     options.ulPort != 0 ? std::to_string(options.ulPort).c_str()
+                     : tls.smtps         ? "465"
+                                         : "smtp/25");
     }
 
     MailAddressInfo address{1, 0, to.data()};
@@ -830,7 +915,13 @@ int main(int argc, char** argv) {
         host_resolves = have_log ? facts.resolver_fail.empty() : resolves(host, &code);
     }
     std::string decoded;
-    if (!detail.empty() && known) {
+    // A TLS failure of POP before SMTP leaves its reason, not a number.
+    const bool numeric_detail =
+        !detail.empty() &&
+        (std::isdigit(static_cast<unsigned char>(detail[0])) || detail[0] == '-');
+    if (!detail.empty() && known && !numeric_detail) {
+        decoded = printable(detail);
+    } else if (!detail.empty() && known) {
         const long number = std::strtol(detail.c_str(), nullptr, 10);
         switch (known->detail) {
             case Detail::Errno: decoded = errno_text(number); break;
@@ -851,6 +942,7 @@ int main(int argc, char** argv) {
         result == KEMAIL_E_NO_MEMORY)
         facts.phase = "compose";
     if (result <= KEMAIL_E_POP_REFUSED && result >= KEMAIL_E_POP_UNREACHABLE) facts.phase = "pop";
+    if (result == KEMAIL_E_TLS) facts.phase = "tls";
     if (facts.phase.empty() || result == KEMAIL_E_ARGUMENT || result == KEMAIL_E_RECIPIENT)
         facts.phase = result >= 0 ? facts.phase : "checks";
     const int exit_code = exit_code_for(result, require_auth, detail, facts, host_resolves);

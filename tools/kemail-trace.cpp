@@ -107,6 +107,13 @@ const CodeInfo kCodes[] = {
     {"smtp0e05", Layout::Errno, true},          {"smtp0f02", Layout::Errno, true},
     {"smtp0f03", Layout::Errno, true},          {"smtp0f05", Layout::Errno, true},
     {"AUTHR0005", Layout::Errno, true},         {"INIAH0030", Layout::Result, true},
+    {"smtp0052", Layout::None, true},           {"smtp0122B", Layout::None, true},
+    {"smtp0122C", Layout::Errno, true},         {"smtp0122D", Layout::Errno, true},
+    {"smtp0122F", Layout::None, true},          {"smtp0122G", Layout::None, true},
+    {"smtp0122J", Layout::Errno, true},         {"smtp0122K", Layout::Errno, true},
+    {"Pop3_0d10", Layout::None, true},          {"Pop3_0d20", Layout::None, true},
+    {"Pop3_0d30", Layout::None, true},          {"Pop3_0d40", Layout::None, true},
+    {"BEFORE0220", Layout::None, true},         {"BEFORE0340", Layout::None, true},
     {"AUTHR0010", Layout::None, true},          {"AUTHR0025", Layout::None, true},
     {"CHKOVER0010", Layout::None, true},        {"GETSLCT0010", Layout::None, true},
     {"GETSLCT0020", Layout::None, true},        {"INCRAM0015", Layout::None, true},
@@ -164,6 +171,7 @@ const ResultName kResults[] = {
     {KEMAIL_E_INTERNAL, "KEMAIL_E_INTERNAL"},
     {KEMAIL_E_AUTH_REFUSED, "KEMAIL_E_AUTH_REFUSED"},
     {KEMAIL_E_NO_AUTH, "KEMAIL_E_NO_AUTH"},
+    {KEMAIL_E_TLS, "KEMAIL_E_TLS"},
 };
 
 bool word_of(const std::string& data, int32_t* value) {

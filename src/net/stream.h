@@ -10,7 +10,8 @@
 namespace kemail::net {
 
 // Like send(MSG_NOSIGNAL): the count written (possibly short), or -1 with
-// errno. A peer that has gone away gives EPIPE, never SIGPIPE.
+// errno. A peer that has gone away gives EPIPE, never SIGPIPE. A TLS
+// session may gather short writes until the next wait for an answer.
 ssize_t stream_send(int sock, const char* data, size_t length);
 
 // Like recv with MSG_PEEK: the bytes waiting, left in place; 0 at end of
@@ -22,7 +23,10 @@ ssize_t stream_recv(int sock, char* buf, size_t length);
 
 // True when bytes are already buffered above the socket (decrypted and not
 // yet taken), so that a wait for the socket to become readable would miss
-// them.
+// them. Called before every such wait: a TLS session first sends what it
+// has gathered of the writes (they may be the command the wait is for), and
+// a failure to send them answers true, so that the read which follows
+// reports it.
 bool stream_buffered(int sock);
 
 }  // namespace kemail::net

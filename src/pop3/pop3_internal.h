@@ -85,4 +85,26 @@ struct Pop3Codes {
 int pop3_exchange(int sock, const Pop3Command& command, const Pop3Codes& codes, char* reply_out,
                   int* err, TraceHandle* trace);
 
+// A step between the greeting and USER (STLS, when POP_TLS asks for it):
+// returns 0 to go on, or the log-in's result.
+struct Pop3AfterGreeting {
+    int (*step)(int sock, void* context, char* reply, int* err, TraceHandle* trace) = nullptr;
+    void* context = nullptr;
+};
+
+// Pop3_Login, with the step after the greeting.
+int pop3_login(int sock, const char* user, const char* password, char* reply, int* err,
+               TraceHandle* trace, const Pop3AfterGreeting& after_greeting);
+
+// TLS could not be established (POP_TLS): the reason is in the reply buffer.
+constexpr int kPop3TlsFailed = -20;
+
+// Starts TLS on a POP3 connection: with stls, STLS first (after the
+// greeting); without it, the handshake at once (POP3S). server names the
+// peer to verify unless TLS_SERVER_NAME gives another; TLS_VERIFY and
+// TLS_CA_FILE apply as to SMTP. Returns 0; kPop3TlsFailed with the reason in
+// reply (KEMAIL_MESSAGE_SIZE bytes); or -1/-17 when STLS got no reply.
+int pop3_start_tls(int sock, const char* server, bool stls, char* reply, int* err,
+                   TraceHandle* trace);
+
 }  // namespace kemail

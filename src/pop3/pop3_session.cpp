@@ -63,33 +63,41 @@ constexpr char kHiddenPassword[] = "******";
 
 }  // namespace
 
-}  // namespace kemail
-
-extern "C" {
-
-KEMAIL_API int Pop3_Login(int lSock, const char* pszUser, const char* pszPassword, char* pszReply,
-                          int* plErr, TraceHandle* pTrace) noexcept {
-    using namespace kemail;
-    trace_text(pTrace, 1, "Pop3_0400", pszUser ? pszUser : "");
-    if (pszReply) pszReply[0] = '\0';
-    int result = pop3_exchange(lSock, {}, kGreeting, pszReply, plErr, pTrace);
+int pop3_login(int sock, const char* user, const char* password, char* reply, int* err,
+               TraceHandle* trace, const Pop3AfterGreeting& after_greeting) {
+    trace_text(trace, 1, "Pop3_0400", user ? user : "");
+    if (reply) reply[0] = '\0';
+    int result = pop3_exchange(sock, {}, kGreeting, reply, err, trace);
     if (result != 0) return result;
+    if (after_greeting.step) {
+        result = after_greeting.step(sock, after_greeting.context, reply, err, trace);
+        if (result != 0) return result;
+    }
 
-    CommandLine user;
-    const int user_length = user.format("USER", pszUser);
-    result = pop3_exchange(lSock, {user.text, user_length}, kUser, pszReply, plErr, pTrace);
+    CommandLine user_line;
+    const int user_length = user_line.format("USER", user);
+    result = pop3_exchange(sock, {user_line.text, user_length}, kUser, reply, err, trace);
     if (result != 0) return result;
 
     // Kept: the PASS line goes to the trace with the clear password (record
     // Pop3_0b00 at level 1); only the mail log masks it (test
     // Pop3Session.ThePassCommandIsTracedInClear).
     CommandLine pass;
-    const int pass_length = pass.format("PASS", pszPassword);
-    result = pop3_exchange(lSock, {pass.text, pass_length, kHiddenPassword}, kPass, pszReply, plErr,
-                           pTrace);
+    const int pass_length = pass.format("PASS", password);
+    result =
+        pop3_exchange(sock, {pass.text, pass_length, kHiddenPassword}, kPass, reply, err, trace);
     if (result != 0) return result;
-    trace(pTrace, 1, "Pop3_07ff");
+    kemail::trace(trace, 1, "Pop3_07ff");
     return 0;
+}
+
+}  // namespace kemail
+
+extern "C" {
+
+KEMAIL_API int Pop3_Login(int lSock, const char* pszUser, const char* pszPassword, char* pszReply,
+                          int* plErr, TraceHandle* pTrace) noexcept {
+    return kemail::pop3_login(lSock, pszUser, pszPassword, pszReply, plErr, pTrace, {});
 }
 
 // The message count and size in the reply are not looked at.

@@ -3,6 +3,7 @@
 #include "send/send_internal.h"
 
 #include "log/trace_record.h"
+#include "smtp/smtp.h"
 #include "util/format.h"
 
 namespace kemail {
@@ -15,6 +16,8 @@ int change_code(int internal) {
     const char* record;
     if (internal >= -33 && internal <= -31) {
         result = KEMAIL_E_WORK_FILE, record = "CHANGE0050";
+    } else if (internal == smtp::kTlsFailed) {
+        result = KEMAIL_E_TLS, record = "CHANGE0070";
     } else if (internal >= -27 && internal <= -21) {
         result = KEMAIL_E_REFUSED, record = "CHANGE0030";
     } else if (internal == -11) {

@@ -1,6 +1,9 @@
 #include "send/pop_before_smtp.h"
 
 #include "log/trace_record.h"
+#include "net/secure.h"
+#include "options/options.h"
+#include "pop3/pop3_internal.h"
 #include "send/send_internal.h"
 #include "util/unique_fd.h"
 
@@ -79,6 +82,20 @@ void wait_after_session(int32_t wait_ms) {
     }
 }
 
+constexpr unsigned kPop3sPort = 995;
+
+// Ends the connection's TLS session, if any, right before the socket closes.
+struct TlsEnding {
+    ~TlsEnding() { net::end_tls(sock.get()); }
+    const UniqueFd& sock;
+};
+
+// STLS after the greeting, for the server of the settings record.
+int stls_after_greeting(int sock, void* context, char* reply, int* err, TraceHandle* trace) {
+    const auto* pop = static_cast<const PopBeforeSmtpInfo*>(context);
+    return pop3_start_tls(sock, pop->szHost, true, reply, err, trace);
+}
+
 }  // namespace
 
 int pop_before_smtp(const MailAuthInfo* auth, char* message) {
@@ -127,17 +144,36 @@ int pop_before_smtp(const MailAuthInfo* auth, char* message) {
         return KEMAIL_E_POP_SYSTEM;
     }
 
+    const options::PopTls pop_tls = options::current().pop_tls;
     trace(g_trace, 2, "BEFORE0200");
     // Closed on every way out, after the session's last trace.
-    UniqueFd sock(Pop3_Connect(pop->szHost, pop->ulPort, &slot, g_trace));
+    const unsigned port =
+        pop->ulPort == 0 && pop_tls == options::PopTls::Pop3s ? kPop3sPort : pop->ulPort;
+    UniqueFd sock(Pop3_Connect(pop->szHost, port, &slot, g_trace));
+    const TlsEnding tls_ending{sock};
     if (!sock.valid()) {
         trace_word(g_trace, 0, "BEFORE0210", static_cast<uint32_t>(slot));
         put_number(message, static_cast<unsigned>(slot));
         return KEMAIL_E_POP_UNREACHABLE;
     }
+    if (pop_tls == options::PopTls::Pop3s &&
+        pop3_start_tls(sock.get(), pop->szHost, false, message, &slot, g_trace) != 0) {
+        trace_text(g_trace, 0, "BEFORE0220", message);
+        return KEMAIL_E_POP_UNREACHABLE;
+    }
 
     trace(g_trace, 2, "BEFORE0300");
-    int result = Pop3_Login(sock.get(), pop->szUser, pop->szPassword, message, &slot, g_trace);
+    Pop3AfterGreeting after_greeting;
+    if (pop_tls == options::PopTls::Stls) {
+        after_greeting.step = stls_after_greeting;
+        after_greeting.context = const_cast<PopBeforeSmtpInfo*>(pop);
+    }
+    int result = pop3_login(sock.get(), pop->szUser, pop->szPassword, message, &slot, g_trace,
+                            after_greeting);
+    if (result == kPop3TlsFailed) {
+        trace_text(g_trace, 0, "BEFORE0340", message);
+        return KEMAIL_E_POP_UNREACHABLE;
+    }
     if (result < 0) {
         trace_word(g_trace, 0, "BEFORE0310", static_cast<uint32_t>(result));
         return session_failure(result, slot, message, "BEFORE0315", "BEFORE0330", "BEFORE0320");
@@ -160,6 +196,7 @@ int pop_before_smtp(const MailAuthInfo* auth, char* message) {
         message[0] = '\0';
     }
     trace_word(g_trace, 2, "BEFORE0510", static_cast<uint32_t>(result));
+    net::end_tls(sock.get());
     sock.reset();  // the connection ends before the wait
 
     wait_after_session(pop->lWait);

@@ -3,6 +3,8 @@
 #include "send/send_internal.h"
 
 #include "log/trace_record.h"
+#include "net/secure.h"
+#include "smtp/smtp.h"
 #include "util/unique_fd.h"
 
 #include <cstdlib>
@@ -35,12 +37,18 @@ void end_marker() {
     trace(g_trace, 1, "ENDPROCFFFF");
 }
 
+// Ends the socket's TLS session, if any, and closes it.
+void close_socket(Session& s) {
+    net::end_tls(s.socket.get());
+    s.socket.reset();
+}
+
 // Releases what is open, maps the code and fills the message buffer.
 // rewrite_codes: the records of the -25 and -26 rewrites, or null when the
 // step is not subject to it.
 int step_failed(Session& s, int internal, unsigned detail, const char* reply_code,
                 const char* const rewrite_codes[2] = nullptr) {
-    s.socket.reset();
+    close_socket(s);
     s.composed.message_file.remove();
     int result = change_code(internal);
     if (result == KEMAIL_E_REFUSED && rewrite_codes != nullptr) {
@@ -54,7 +62,9 @@ int step_failed(Session& s, int internal, unsigned detail, const char* reply_cod
     }
     const bool refused =
         result == KEMAIL_E_REFUSED || result == KEMAIL_E_AUTH_REFUSED || result == KEMAIL_E_NO_AUTH;
-    if (refused && reply_code != nullptr) {
+    if (result == KEMAIL_E_TLS) {
+        copy_cut(s.plan.message, KEMAIL_MESSAGE_SIZE, smtp::tls_failure_reason());
+    } else if (refused && reply_code != nullptr) {
         SMTP_GetSmtpSvResponce(s.plan.message);
         trace_data(g_trace, 0, reply_code, s.plan.message, KEMAIL_MESSAGE_SIZE);
     } else if ((detail & kNumberAlways) ||
@@ -139,7 +149,7 @@ int send_pieces(Session& s) {
     UniqueMalloc<char> buffer(static_cast<char*>(std::malloc(size)));
     if (!buffer) {
         trace(g_trace, 0, "EMAILAPI010a");
-        s.socket.reset();
+        close_socket(s);
         composed.message_file.remove();
         end_marker();
         return KEMAIL_E_NO_MEMORY;
@@ -249,7 +259,7 @@ int run_session(const SendPlan& plan, ComposedMessage& composed, int warning) {
         trace_word(g_trace, 0, "EMAILAPI01a2", s.status);
         return step_failed(s, quit, kNumberOnSocket, nullptr);
     }
-    s.socket.reset();
+    close_socket(s);
     composed.message_file.remove();
     delete_attachments_marked_for_deletion(plan);
     trace(g_trace, 1, "EMAILAPIFFFF");

@@ -2,6 +2,8 @@
 #include "kemail.h"
 #include "log/trace_record.h"
 #include "net/net.h"
+#include "smtp/smtp.h"
+#include "util/unique_fd.h"
 
 #include <cstring>
 
@@ -20,6 +22,8 @@ namespace {
 
 constexpr unsigned int kResolveFailed = 0xFFFFFFFFu;
 constexpr uint16_t kDefaultSmtpPort = 25;
+// SMTP over TLS from the first byte (key TLS=smtps), when no port is given.
+constexpr uint16_t kSmtpsPort = 465;
 
 constexpr int kSocketFailed = -1;
 constexpr int kConnectFailed = -2;
@@ -89,6 +93,8 @@ KEMAIL_API int SMTP_connect(const char* pszName, unsigned int ulPort,
     if (!pulErr) pulErr = &scratch;
     const char* name = pszName ? pszName : "";
     trace_text(g_trace, 1, "smtp0000", name);
+    kemail::smtp::remember_server(name);
+    const bool smtps = kemail::smtp::smtps_wanted();
     SMTP_SetTimeOut(g_stMailTimeout.ulConnect);
     SMTP_SetStartTime();
 
@@ -100,7 +106,9 @@ KEMAIL_API int SMTP_connect(const char* pszName, unsigned int ulPort,
     struct sockaddr_in peer;
     std::memset(&peer, 0, sizeof peer);
     peer.sin_family = AF_INET;
-    peer.sin_port = ulPort != 0 ? htons(static_cast<uint16_t>(ulPort)) : smtp_service_port();
+    peer.sin_port = ulPort != 0 ? htons(static_cast<uint16_t>(ulPort))
+                    : smtps     ? htons(kSmtpsPort)
+                                : smtp_service_port();
     peer.sin_addr.s_addr = address;
 
     const kemail::net::Connection connection =
@@ -114,6 +122,11 @@ KEMAIL_API int SMTP_connect(const char* pszName, unsigned int ulPort,
         trace_data(g_trace, 2, "smtp0021", &peer, sizeof peer);
         trace_word(g_trace, 1, "smtp0050", static_cast<uint32_t>(connection.sock));
         *pulErr = 0;
+        if (smtps && kemail::smtp::smtps_handshake(connection.sock, pulErr) != 0) {
+            // Nothing was said on it: the connection only goes away.
+            kemail::UniqueFd unusable(connection.sock);
+            return kemail::smtp::kTlsFailed;
+        }
         return connection.sock;
     }
     *pulErr = static_cast<unsigned int>(connection.error);

@@ -184,6 +184,10 @@ KEMAIL_API int SMTP_initialize(int lSock, const MailAuthInfo* pstAuth,
         trace_word(g_trace, 0, "smtp0121D", *pulErr);
         return result;
     }
+    if (starttls_wanted()) {
+        result = starttls(lSock, host, result, capability, pulErr);
+        if (result < 0) return result;
+    }
     if (result == 1) return introduce_with_helo(lSock, host, pstAuth, pulErr);
 
     if (!wants_smtp_auth(pstAuth)) {

@@ -45,6 +45,11 @@ constexpr int kRsetRefused = -27;
 // address. Outside -27..-21, so the driver reports it as an internal failure.
 constexpr int kCommandTooLong = -28;
 constexpr int kFileError = -32;
+// TLS was asked for (key TLS) and could not be established; the reason is in
+// tls_failure_reason(). Nothing after EHLO has been sent in clear. The
+// driver reports it as the public -30; the internal -30 stays what it was
+// (an internal failure), so this code lies apart from the designed ones.
+constexpr int kTlsFailed = -40;
 
 // Length of the text in a reply buffer: a line that filled the buffer has no
 // NUL, so the search stops at the buffer's end.
@@ -110,6 +115,33 @@ enum EhloExtension : unsigned {
     kExtPipelining = 1u << 1,
 };
 unsigned ehlo_extensions() noexcept;
+
+// ---- TLS (key TLS; nothing here runs without it) ---------------------------
+
+// Remembers the server argument of the connection being made, the name TLS
+// verifies unless TLS_SERVER_NAME gives another, and forgets the reason of
+// an earlier failure.
+void remember_server(const char* name) noexcept;
+
+// True when the key TLS asks for SMTPS (TLS from the first byte).
+bool smtps_wanted() noexcept;
+// True when the key TLS asks for STARTTLS.
+bool starttls_wanted() noexcept;
+
+// SMTPS: the handshake right after connect, within the connection phase.
+// 0, or kTlsFailed (errno in *pulErr when there is one).
+int smtps_handshake(int sock, unsigned int* pulErr) noexcept;
+
+// STARTTLS after the first EHLO (ehlo_result: SMTP_readEhloReply's 0, or 1
+// when EHLO was refused): STARTTLS, 220, the handshake, and EHLO again with
+// a fresh capability buffer. Returns what SMTP_readEhloReply returned for
+// the second EHLO (0 or 1), kTlsFailed, or the transport's negative result.
+int starttls(int sock, const char* host, int ehlo_result, char* capability,
+             unsigned int* pulErr) noexcept;
+
+// Why the last TLS step failed ("STARTTLS not offered", "certificate verify
+// failed: ...", "libssl.so.3 not found"...); empty when none did.
+const char* tls_failure_reason() noexcept;
 
 // Holds message data back while it streams, so that it leaves in full
 // segments although the session runs with TCP_NODELAY; removing the cork

@@ -80,6 +80,8 @@ private:
 }  // namespace
 
 TlsSession::~TlsSession() {
+    // What was gathered may hold an AUTH string or a password.
+    explicit_bzero(out_, sizeof out_);
     if (ssl_ != nullptr) api_->SSL_free(ssl_);
     if (context_ != nullptr) api_->SSL_CTX_free(context_);
 }
@@ -216,6 +218,8 @@ ssize_t TlsSession::receive(void* out, size_t length, bool peek, unsigned second
         errno = ENOTCONN;
         return -1;
     }
+    // The answer waited for may be to what is still gathered here.
+    if (flush(seconds) != 0) return -1;
     if (offset_ == buffered_) {
         const SigPipeBlocked no_sigpipe;  // a read may answer a key update
         offset_ = buffered_ = 0;
@@ -245,13 +249,8 @@ ssize_t TlsSession::receive(void* out, size_t length, bool peek, unsigned second
     return static_cast<ssize_t>(count);
 }
 
-ssize_t TlsSession::send(const void* data, size_t length, unsigned seconds) noexcept {
-    if (ssl_ == nullptr) {
-        errno = ENOTCONN;
-        return -1;
-    }
+int TlsSession::write_all(const char* bytes, size_t length, unsigned seconds) noexcept {
     const SigPipeBlocked no_sigpipe;
-    const char* bytes = static_cast<const char*>(data);
     size_t done = 0;
     while (done < length) {
         const size_t part = length - done < (1u << 30) ? length - done : (1u << 30);
@@ -271,12 +270,56 @@ ssize_t TlsSession::send(const void* data, size_t length, unsigned seconds) noex
             errno = error == SSL_ERROR_ZERO_RETURN ? EPIPE : ECONNRESET;
         return -1;
     }
+    return 0;
+}
+
+int TlsSession::flush(unsigned seconds) noexcept {
+    if (broken_ != 0) {
+        errno = broken_;
+        return -1;
+    }
+    if (out_length_ == 0) return 0;
+    const int written = write_all(out_, out_length_, seconds);
+    out_length_ = 0;
+    if (written != 0) {
+        broken_ = errno != 0 ? errno : EIO;
+        return -1;
+    }
+    return 0;
+}
+
+ssize_t TlsSession::send(const void* data, size_t length, unsigned seconds) noexcept {
+    if (ssl_ == nullptr) {
+        errno = ENOTCONN;
+        return -1;
+    }
+    if (broken_ != 0) {
+        errno = broken_;
+        return -1;
+    }
+    const char* bytes = static_cast<const char*>(data);
+    if (length <= kBufferSize - out_length_) {
+        std::memcpy(out_ + out_length_, bytes, length);
+        out_length_ += length;
+        return static_cast<ssize_t>(length);
+    }
+    if (flush(seconds) != 0) return -1;
+    if (length < kBufferSize) {
+        std::memcpy(out_, bytes, length);
+        out_length_ = length;
+        return static_cast<ssize_t>(length);
+    }
+    if (write_all(bytes, length, seconds) != 0) {
+        broken_ = errno != 0 ? errno : EIO;
+        return -1;
+    }
     return static_cast<ssize_t>(length);
 }
 
 void TlsSession::finish() noexcept {
     if (ssl_ == nullptr) return;
     const int saved = errno;
+    flush(0);
     const SigPipeBlocked no_sigpipe;
     api_->SSL_shutdown(ssl_);
     api_->ERR_clear_error();

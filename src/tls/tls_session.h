@@ -52,27 +52,52 @@ public:
     ssize_t receive(void* buffer, size_t length, bool peek, unsigned seconds) noexcept;
 
     // Sends all `length` bytes within `seconds`. Returns length or -1.
+    // Short writes are gathered (up to one record's worth) and leave with
+    // the next receive, flush() or finish(): a protocol writes its commands
+    // and data in small pieces, and each write of its own would cost a TLS
+    // record and a system call. A failure to send gathered bytes is
+    // reported by the call that sends them, and by every send and receive
+    // after it.
     ssize_t send(const void* data, size_t length, unsigned seconds) noexcept;
 
-    // Says goodbye (close_notify) without waiting for the answer.
+    // Sends what send() has gathered within `seconds`. 0, or -1 with errno.
+    int flush(unsigned seconds) noexcept;
+    bool has_output() const noexcept { return out_length_ > 0; }
+
+    // Sends what is gathered if it can go without waiting, and says goodbye
+    // (close_notify) without waiting for the answer.
     void finish() noexcept;
 
     const TlsInfo& info() const noexcept { return info_; }
 
+    // How long a receive or send over the session may wait: the seconds the
+    // protocol's clock has left when the call begins (its phase time-out
+    // for SMTP, the reply time-out for POP3). Without one, 60 seconds.
+    using Clock = unsigned (*)();
+    void set_clock(Clock clock) noexcept { clock_ = clock; }
+    unsigned time_left() const noexcept { return clock_ != nullptr ? clock_() : 60; }
+
 private:
     int wait_for(int ssl_error, unsigned seconds) noexcept;
+    int write_all(const char* bytes, size_t length, unsigned seconds) noexcept;
     void describe_failure(const char* what, char* reason, size_t size) noexcept;
 
     const OpenSslApi* api_ = nullptr;
     SSL_CTX* context_ = nullptr;
     SSL* ssl_ = nullptr;
     int fd_ = -1;
+    Clock clock_ = nullptr;
     TlsInfo info_;
     // Plain text read from the TLS stream but not yet received: one record.
     static constexpr size_t kBufferSize = 16384;
     char buffer_[kBufferSize];
     size_t buffered_ = 0;
     size_t offset_ = 0;
+    // Bytes given to send() and not yet written; the errno of a failed
+    // write, after which the session carries nothing more.
+    char out_[kBufferSize];
+    size_t out_length_ = 0;
+    int broken_ = 0;
 };
 
 }  // namespace kemail::tls

@@ -144,21 +144,59 @@ TEST_F(Options, AMissingFileClearsWhatAnEarlierFileGave) {
 // asks for TLS must not get a send in clear.
 TEST(OptionsAvailable, KeysWithoutTheirBehaviourAreRefused) {
     kemail::options::reset();
-    for (const char* key : {"TLS", "TLS_VERIFY", "TLS_CA_FILE", "TLS_SERVER_NAME", "POP_TLS",
-                            "ADDRESS_FAMILY", "PIPELINING", "INPUT_CHARSET"}) {
+    for (const char* key : {
+             "ADDRESS_FAMILY",
+             "PIPELINING",
+             "INPUT_CHARSET",
+         }) {
         EXPECT_EQ(ZvKe_SetOption(key, "1"), -1) << key;
         EXPECT_EQ(ZvKe_SetOption(key, nullptr), -1) << key;
     }
     TempDir dir;
     const std::string path = dir.file("kemail.ini");
-    kemail_test::write_file(path, "[KEMAIL]\nTLS=starttls\nINPUT_CHARSET=UTF-8\n");
+    kemail_test::write_file(path, "[KEMAIL]\nINPUT_CHARSET=UTF-8\n");
     ProfileHandle* profile = Com_OpenPrivateProfile(path.c_str(), 0);
     ASSERT_NE(profile, nullptr);
     kemail::options::load_from_profile(profile);
     Com_ClosePrivateProfile(profile, nullptr);
     const Settings s = current();
-    EXPECT_EQ(s.tls, SmtpTls::None);
     EXPECT_EQ(s.input_charset, InputCharset::Locale);
+}
+
+// The TLS keys are taken from ZvKe_SetOption and from the file; a value they
+// do not accept is still refused.
+TEST(OptionsAvailable, TheTlsKeysAreTaken) {
+    kemail::options::reset();
+    EXPECT_EQ(ZvKe_SetOption("TLS", "starttls"), 0);
+    EXPECT_EQ(ZvKe_SetOption("TLS", "ssl"), -1);
+    EXPECT_EQ(ZvKe_SetOption("TLS_VERIFY", "0"), 0);
+    EXPECT_EQ(ZvKe_SetOption("TLS_VERIFY", "2"), -1);
+    EXPECT_EQ(ZvKe_SetOption("TLS_CA_FILE", "/etc/ssl/ca.pem"), 0);
+    EXPECT_EQ(ZvKe_SetOption("TLS_SERVER_NAME", "mx.example.com"), 0);
+    EXPECT_EQ(ZvKe_SetOption("TLS_SERVER_NAME", "mx example"), -1);
+    EXPECT_EQ(ZvKe_SetOption("POP_TLS", "pop3s"), 0);
+    EXPECT_EQ(ZvKe_SetOption("POP_TLS", "tls"), -1);
+    Settings s = current();
+    EXPECT_EQ(s.tls, SmtpTls::StartTls);
+    EXPECT_FALSE(s.tls_verify);
+    EXPECT_STREQ(s.tls_ca_file, "/etc/ssl/ca.pem");
+    EXPECT_STREQ(s.tls_server_name, "mx.example.com");
+    EXPECT_EQ(s.pop_tls, PopTls::Pop3s);
+    for (const char* key : {"TLS", "TLS_VERIFY", "TLS_CA_FILE", "TLS_SERVER_NAME", "POP_TLS"})
+        EXPECT_EQ(ZvKe_SetOption(key, nullptr), 0) << key;
+
+    TempDir dir;
+    const std::string path = dir.file("kemail.ini");
+    kemail_test::write_file(path, "[KEMAIL]\nTLS=smtps\nPOP_TLS=stls\n");
+    ProfileHandle* profile = Com_OpenPrivateProfile(path.c_str(), 0);
+    ASSERT_NE(profile, nullptr);
+    kemail::options::load_from_profile(profile);
+    Com_ClosePrivateProfile(profile, nullptr);
+    s = current();
+    EXPECT_EQ(s.tls, SmtpTls::Smtps);
+    EXPECT_TRUE(s.tls_verify);
+    EXPECT_EQ(s.pop_tls, PopTls::Stls);
+    kemail::options::reset();
 }
 
 }  // namespace

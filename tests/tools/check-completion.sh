@@ -23,6 +23,9 @@ expect --auth-mechanisms kemail-send --aut
 expect --require-auth kemail-send --req
 expect --version kemail-send --vers
 expect cram-md5 kemail-send --auth-mechanisms cr
+expect --tls-no-verify kemail-send --tls-no
+expect starttls kemail-send --tls st
+expect pop3s kemail-send --pop-tls po
 source "$dir/kemail-trace" || exit 1
 func=_kemail_trace
 expect --failures kemail-trace --fa

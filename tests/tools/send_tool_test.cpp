@@ -288,3 +288,40 @@ TEST(SendTool, VerboseShowsPathsAndDialogue) {
 }
 
 }  // namespace
+
+namespace {
+
+// The TLS options reach the library: a server without STARTTLS gets nothing
+// after EHLO, and the tool names the result and its reason.
+TEST(SendTool, TlsOptionsAreCheckedAndStartTlsNotOfferedIsProtocolError) {
+    ToolResult run = send("--from a@x --to b@x --server h --tls ssl");
+    EXPECT_EQ(run.status, EX_USAGE);
+    EXPECT_TRUE(has(run.err, "--tls ssl: needs none, starttls or smtps")) << run.err;
+    run = send("--from a@x --to b@x --server h --pop-tls tls");
+    EXPECT_EQ(run.status, EX_USAGE);
+    EXPECT_TRUE(has(run.err, "--pop-tls tls: needs none, stls or pop3s")) << run.err;
+    run = send("--from a@x --to b@x --server h --tls-server-name 'two words'");
+    EXPECT_EQ(run.status, EX_USAGE);
+    EXPECT_TRUE(has(run.err, "the library refuses TLS_SERVER_NAME=two words")) << run.err;
+
+    Script script = greeted();
+    script.drain();
+    ScriptServer server(std::move(script));
+    run = send(to_server(server) + " --to b@example.com --tls starttls --json");
+    ASSERT_TRUE(server.wait_done());
+    EXPECT_EQ(run.status, EX_PROTOCOL) << run.err;
+    EXPECT_TRUE(has(run.out, "\"code\":-30,\"name\":\"KEMAIL_E_TLS\"")) << run.out;
+    EXPECT_TRUE(has(run.out, "\"detail\":\"STARTTLS not offered\"")) << run.out;
+    EXPECT_TRUE(has(run.err, "failed: KEMAIL_E_TLS (-30)")) << run.err;
+    EXPECT_TRUE(has(run.out, "\"phase\":\"tls\"")) << run.out;
+    EXPECT_FALSE(has(server.received(), "MAIL FROM")) << server.received();
+}
+
+TEST(SendTool, HelpNamesTheTlsOptions) {
+    const ToolResult help = send("-h");
+    for (const char* option : {"--tls MODE", "--tls-ca FILE", "--tls-server-name NAME",
+                               "--tls-no-verify", "--pop-tls MODE", "76  TLS"})
+        EXPECT_TRUE(has(help.out, option)) << option;
+}
+
+}  // namespace

@@ -1,0 +1,136 @@
+// A line-protocol server for the TLS tests of the SMTP session and of POP
+// before SMTP: it speaks in clear, turns to TLS when its handler says so
+// (STARTTLS, STLS) or from the first byte (SMTPS, POP3S), and records every
+// line it reads, marked with the layer it came over.
+#pragma once
+
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace tls_test {
+
+class LineConnection {
+public:
+    LineConnection(int fd, SSL_CTX* context) : fd_(fd), context_(context) {}
+    ~LineConnection() {
+        if (ssl_ != nullptr) {
+            SSL_shutdown(ssl_);
+            SSL_free(ssl_);
+        }
+        ERR_clear_error();
+    }
+    LineConnection(const LineConnection&) = delete;
+    LineConnection& operator=(const LineConnection&) = delete;
+
+    int fd() const { return fd_; }
+    bool encrypted() const { return ssl_ != nullptr; }
+
+    // The server side of the handshake; false when it failed.
+    bool start_tls() {
+        ssl_ = SSL_new(context_);
+        SSL_set_fd(ssl_, fd_);
+        if (SSL_accept(ssl_) == 1) return true;
+        SSL_free(ssl_);
+        ssl_ = nullptr;
+        ERR_clear_error();
+        return false;
+    }
+    bool send(const std::string& text) {
+        if (ssl_ != nullptr) {
+            return SSL_write(ssl_, text.data(), static_cast<int>(text.size())) ==
+                   static_cast<int>(text.size());
+        }
+        return ::send(fd_, text.data(), text.size(), MSG_NOSIGNAL) ==
+               static_cast<ssize_t>(text.size());
+    }
+    // One line, LF included; false at the end of the stream.
+    bool read_line(std::string& line) {
+        line.clear();
+        char c = 0;
+        for (;;) {
+            const int got =
+                ssl_ != nullptr ? SSL_read(ssl_, &c, 1) : static_cast<int>(::recv(fd_, &c, 1, 0));
+            if (got <= 0) return false;
+            line += c;
+            if (c == '\n') return true;
+        }
+    }
+
+private:
+    int fd_;
+    SSL_CTX* context_;
+    SSL* ssl_ = nullptr;
+};
+
+class LineTlsServer {
+public:
+    using Handler = std::function<void(LineConnection&, LineTlsServer&)>;
+
+    LineTlsServer(const std::string& cert, const std::string& key, Handler handler)
+        : handler_(std::move(handler)) {
+        listen_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(listen_, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+        listen(listen_, 1);
+        socklen_t len = sizeof addr;
+        getsockname(listen_, reinterpret_cast<sockaddr*>(&addr), &len);
+        port_ = ntohs(addr.sin_port);
+        context_ = SSL_CTX_new(TLS_server_method());
+        SSL_CTX_use_certificate_file(context_, cert.c_str(), SSL_FILETYPE_PEM);
+        SSL_CTX_use_PrivateKey_file(context_, key.c_str(), SSL_FILETYPE_PEM);
+        thread_ = std::thread([this] { run(); });
+    }
+    ~LineTlsServer() {
+        shutdown(listen_, SHUT_RDWR);
+        thread_.join();
+        close(listen_);
+        SSL_CTX_free(context_);
+    }
+    uint16_t port() const { return port_; }
+
+    // Every line read, "plain: " or "tls: " in front.
+    std::vector<std::string> lines() const {
+        const std::lock_guard<std::mutex> guard(lock_);
+        return lines_;
+    }
+    void record(const LineConnection& connection, const std::string& line) {
+        const std::lock_guard<std::mutex> guard(lock_);
+        lines_.push_back((connection.encrypted() ? "tls: " : "plain: ") + line);
+    }
+
+private:
+    void run() {
+        const int fd = accept4(listen_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) return;
+        timeval limit{10, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        {
+            LineConnection connection(fd, context_);
+            handler_(connection, *this);
+        }
+        close(fd);
+    }
+
+    Handler handler_;
+    int listen_ = -1;
+    uint16_t port_ = 0;
+    SSL_CTX* context_ = nullptr;
+    mutable std::mutex lock_;
+    std::vector<std::string> lines_;
+    std::thread thread_;
+};
+
+}  // namespace tls_test
