@@ -1,7 +1,9 @@
-// From a server name and port to a connected IPv4 TCP socket.
+// From a server name and port to a connected IPv4 TCP socket (or, with
+// ADDRESS_FAMILY=any, an IPv6 or IPv4 one).
 #include "kemail.h"
 #include "log/trace_record.h"
 #include "net/net.h"
+#include "options/options.h"
 
 #include <cstring>
 
@@ -57,6 +59,51 @@ uint16_t smtp_service_port() {
     return htons(kDefaultSmtpPort);
 }
 
+constexpr kemail::net::AddressListCodes kAddressListCodes{.start = "getsmtp0000",
+                                                          .busy = "getsmtp0020",
+                                                          .answered = "getsmtp0040",
+                                                          .address = "getsmtp0041",
+                                                          .resolved = "getsmtpFFFF"};
+
+// SMTP_connect for ADDRESS_FAMILY=any: every address of the name, IPv6 and
+// IPv4, in the resolver's order, under the same retries, results and log
+// lines; the records that carry an address carry the socket address of its
+// family.
+int connect_any_family(const char* name, unsigned int port, unsigned int* pulErr) {
+    kemail::net::ResolvedList resolved =
+        kemail::net::resolve_any(name, kAddressListCodes, g_trace);
+    if (resolved.error != 0) {
+        *pulErr = static_cast<unsigned int>(resolved.error);
+        MailLogSysErrWrite(g_pLogHandle, "getaddrinfo", 0, resolved.error,
+                           gai_strerror(resolved.error));
+        trace_word(g_trace, 0, "getsmtp0031", static_cast<uint32_t>(resolved.error));
+        trace_word(g_trace, 0, "smtp0010", *pulErr);
+        return kNameNotResolved;
+    }
+    kemail::net::set_port(resolved.list.get(),
+                          port != 0 ? htons(static_cast<uint16_t>(port)) : smtp_service_port());
+    const kemail::net::AnyConnection outcome =
+        kemail::net::connect_any(resolved.list.get(), kConnectCodes, "smtp0023", g_trace);
+    const kemail::net::Connection& connection = outcome.connection;
+    if (connection.sock >= 0) {
+        const int on = 1;
+        setsockopt(connection.sock, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        trace_data(g_trace, 2, "smtp0021", &outcome.peer, outcome.peer_length);
+        trace_word(g_trace, 1, "smtp0050", static_cast<uint32_t>(connection.sock));
+        *pulErr = 0;
+        return connection.sock;
+    }
+    *pulErr = static_cast<unsigned int>(connection.error);
+    if (connection.failed == kemail::net::Failed::Socket) {
+        MailLogSysErrWrite(g_pLogHandle, "socket", connection.result, connection.error, nullptr);
+        trace_word(g_trace, 0, "smtp0020", *pulErr);
+        return kSocketFailed;
+    }
+    MailLogSysErrWrite(g_pLogHandle, "connect", connection.result, connection.error, nullptr);
+    trace_word(g_trace, 0, "smtp0050", *pulErr);
+    return kConnectFailed;
+}
+
 }  // namespace
 
 extern "C" {
@@ -91,6 +138,8 @@ KEMAIL_API int SMTP_connect(const char* pszName, unsigned int ulPort,
     trace_text(g_trace, 1, "smtp0000", name);
     SMTP_SetTimeOut(g_stMailTimeout.ulConnect);
     SMTP_SetStartTime();
+    if (kemail::options::current().address_family == kemail::options::AddressFamily::Any)
+        return connect_any_family(name, ulPort, pulErr);
 
     const unsigned int address = SMTP_resolveHost(name, pulErr);
     if (address == kResolveFailed) {
