@@ -35,10 +35,10 @@ struct KeyName {
     bool available;
 };
 constexpr KeyName kKeys[kKeyCount] = {
-    {Key::InputCharset, "INPUT_CHARSET", true},    {Key::Tls, "TLS", false},
+    {Key::InputCharset, "INPUT_CHARSET", true},     {Key::Tls, "TLS", false},
     {Key::TlsVerify, "TLS_VERIFY", false},          {Key::TlsCaFile, "TLS_CA_FILE", false},
     {Key::TlsServerName, "TLS_SERVER_NAME", false}, {Key::PopTls, "POP_TLS", false},
-    {Key::AddressFamily, "ADDRESS_FAMILY", true},  {Key::Pipelining, "PIPELINING", false},
+    {Key::AddressFamily, "ADDRESS_FAMILY", true},   {Key::Pipelining, "PIPELINING", false},
 };
 
 // A key's value as given: the text of the longest accepted value, a path.

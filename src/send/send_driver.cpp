@@ -335,10 +335,9 @@ KEMAIL_API int ZvKe_SendEMailPartial_parts(unsigned int ulReserved, MailAddressI
                                            MailTimeoutInfo* pstTimeout, MailAuthInfo* pstAuth,
                                            char* pszMessage, const char* pszTempDir) noexcept {
     (void)ulReserved;  // reserved: never read
-    kemail::Arguments arguments{pstAddress, lAddressCount, pstContent, lContentCount,
-                                pszFrom,    pszSubject,    pszServer,  ulSplit,
-                                pstOption,  pstTimeout,    pstAuth,    pszMessage,
-                                pszTempDir, false};
+    kemail::Arguments arguments{pstAddress, lAddressCount, pstContent, lContentCount, pszFrom,
+                                pszSubject, pszServer,     ulSplit,    pstOption,     pstTimeout,
+                                pstAuth,    pszMessage,    pszTempDir, false};
     return kemail::send_mail(arguments);
 }
 

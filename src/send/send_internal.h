@@ -138,7 +138,7 @@ struct SendPlan {
     const MailAuthInfo* auth;
     const char* subject;  // in Shift_JIS (converted)
     const char* temp_dir;
-    char* message;  // the caller's message buffer
+    char* message;            // the caller's message buffer
     bool utf8_input = false;  // attachment names are UTF-8 (INPUT_CHARSET)
 };
 

@@ -70,8 +70,7 @@ constexpr kemail::net::AddressListCodes kAddressListCodes{.start = "getsmtp0000"
 // lines; the records that carry an address carry the socket address of its
 // family.
 int connect_any_family(const char* name, unsigned int port, unsigned int* pulErr) {
-    kemail::net::ResolvedList resolved =
-        kemail::net::resolve_any(name, kAddressListCodes, g_trace);
+    kemail::net::ResolvedList resolved = kemail::net::resolve_any(name, kAddressListCodes, g_trace);
     if (resolved.error != 0) {
         *pulErr = static_cast<unsigned int>(resolved.error);
         MailLogSysErrWrite(g_pLogHandle, "getaddrinfo", 0, resolved.error,

@@ -280,8 +280,7 @@ TEST(NetConnectAny, TheNextAddressIsTriedAtOnceWhenTheFirstRefuses) {
     ASSERT_GE(outcome.connection.sock, 0);
     EXPECT_EQ(outcome.connection.failed, net::Failed::Nothing);
     ASSERT_EQ(outcome.peer_length, sizeof(sockaddr_in));
-    EXPECT_EQ(reinterpret_cast<const sockaddr_in*>(&outcome.peer)->sin_port,
-              htons(server.port()));
+    EXPECT_EQ(reinterpret_cast<const sockaddr_in*>(&outcome.peer)->sin_port, htons(server.port()));
     ASSERT_TRUE(server.wait_done());
     ::close(outcome.connection.sock);
     const std::vector<std::string> codes = trace.codes();
