@@ -42,7 +42,9 @@ extern "C" {
 /* ------------------------------------------------------------------------ */
 
 #define KEMAIL_OK                0     /* accepted by the server */
-#define KEMAIL_W_CONVERSION      1     /* accepted; EUC-JP to Shift_JIS conversion failed */
+#define KEMAIL_W_CONVERSION      1     /* accepted; EUC-JP to Shift_JIS conversion failed,
+                                          or UTF-8 input had a character without a
+                                          Shift_JIS form (sent as GETA MARK) */
 #define KEMAIL_W_NO_AUTH         2     /* accepted without the SMTP AUTH that was asked for */
 #define KEMAIL_E_ARGUMENT        (-1)  /* an argument or record is invalid */
 #define KEMAIL_E_NO_MEMORY       (-2)  /* memory could not be allocated */
@@ -161,11 +163,13 @@ KEMAIL_API int ZvKe_SendEMailPartial_parts(unsigned int ulReserved, MailAddressI
  * precedence over section KEMAIL of kemail.ini; a null value removes the
  * override. Returns 0, or -1 for an unknown key, a key whose behaviour this
  * version does not have, or a value it does not accept (nothing changes
- * then). Planned keys: INPUT_CHARSET (UTF-8), TLS (none, starttls, smtps),
- * TLS_VERIFY (0, 1), TLS_CA_FILE, TLS_SERVER_NAME, POP_TLS (none, stls,
- * pop3s), ADDRESS_FAMILY (ipv4, any), PIPELINING (0, 1). This version has
- * none of them yet: every key answers -1, so that a caller who asks for TLS
- * learns it is not there instead of sending in clear. */
+ * then). Keys this version has:
+ *   INPUT_CHARSET (UTF-8): subject, text and attachment names are UTF-8
+ *   ADDRESS_FAMILY (ipv4, any): any resolves SMTP and POP3 servers to IPv6 and IPv4
+ * Keys still answering -1: TLS (none, starttls, smtps), TLS_VERIFY (0, 1),
+ * TLS_CA_FILE, TLS_SERVER_NAME, POP_TLS (none, stls, pop3s), PIPELINING
+ * (0, 1): a caller who asks for TLS learns it is not there instead of
+ * sending in clear. */
 KEMAIL_API int ZvKe_SetOption(const char* key, const char* value) KEMAIL_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */

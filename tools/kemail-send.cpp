@@ -64,7 +64,9 @@ const ResultName kResults[] = {
     {KEMAIL_OK, "KEMAIL_OK", "the server accepted the mail (every piece, when split)",
      Detail::None},
     {KEMAIL_W_CONVERSION, "KEMAIL_W_CONVERSION",
-     "accepted, but converting EUC-JP subject or text to Shift_JIS failed", Detail::None},
+     "accepted, but converting the subject or text to Shift_JIS failed (or, from "
+     "UTF-8, sent a character as GETA MARK)",
+     Detail::None},
     {KEMAIL_W_NO_AUTH, "KEMAIL_W_NO_AUTH", "accepted without the SMTP AUTH that was asked for",
      Detail::None},
     {KEMAIL_E_ARGUMENT, "KEMAIL_E_ARGUMENT", "an argument or setting is invalid", Detail::None},
@@ -911,6 +913,11 @@ int main(int argc, char** argv) {
                      " (no allowed mechanism offered, HELO only, or every mechanism refused)%s\n",
                      kProgram, require_auth ? "error" : "warning",
                      require_auth ? "" : "; --require-auth makes this a failure");
+    } else if (result == KEMAIL_W_CONVERSION && library_converts) {
+        std::fprintf(stderr,
+                     "%s: warning: KEMAIL_W_CONVERSION (1): a character of the subject, text"
+                     " or an attachment name has no Shift_JIS form and was sent as GETA MARK\n",
+                     kProgram);
     } else if (result >= 0) {
         if (verbose || terminal)
             std::fprintf(stderr, "%s: sent: %s (%d)\n", kProgram, name, result);
