@@ -42,9 +42,7 @@ extern "C" {
 /* ------------------------------------------------------------------------ */
 
 #define KEMAIL_OK                0     /* accepted by the server */
-#define KEMAIL_W_CONVERSION      1     /* accepted; EUC-JP to Shift_JIS conversion failed,
-                                          or UTF-8 input had a character without a
-                                          Shift_JIS form (sent as GETA MARK) */
+#define KEMAIL_W_CONVERSION      1     /* accepted; EUC-JP/UTF-8 to Shift_JIS conversion failed */
 #define KEMAIL_W_NO_AUTH         2     /* accepted without the SMTP AUTH that was asked for */
 #define KEMAIL_E_ARGUMENT        (-1)  /* an argument or record is invalid */
 #define KEMAIL_E_NO_MEMORY       (-2)  /* memory could not be allocated */
