@@ -714,29 +714,22 @@ int main(int argc, char** argv) {
     // become what the library takes; UTF-8 the library converts itself.
     if (!have_charset) charset = tools::terminal_charset();
     tools::InputPlan input = tools::plan_input(charset);
-    if (input.how == tools::InputPlan::How::LibraryUtf8 &&
-        ZvKe_SetOption("INPUT_CHARSET", "UTF-8") != 0) {
-        input.how = tools::InputPlan::How::Iconv;
-        input.from = charset;
-        input.to = "CP932";
-    }
-    const bool library_converts = input.how == tools::InputPlan::How::LibraryUtf8;
+    // Without --charset, text from a UTF-8 terminal that is plain ASCII, or
+    // is no UTF-8 at all (Shift_JIS or EUC-JP bytes from a file), passes as
+    // given, as it always did; that is decided once the text is read, so a
+    // subject that may still be converted is measured then.
+    const bool guess_utf8 = !have_charset && tools::charset_family(charset) == tools::Family::Utf8;
+    const bool subject_checked_now =
+        input.how == tools::InputPlan::How::AsGiven || tools::is_ascii(subject);
     std::string why;
-    if (input.how == tools::InputPlan::How::Iconv &&
-        !tools::convert_text(input.from, input.to, &subject, &why))
-        return usage_error("--subject: " + why);
-    // UTF-8 the library converts counts in its Shift_JIS form.
-    const char* const counted = library_converts ? " (Shift_JIS bytes once converted)"
-                                                 : " (Shift_JIS or EUC-JP bytes as given)";
     if (!length_ok("--from", from, 1, KEMAIL_MAX_ADDRESS, &why) ||
         !length_ok("--to", to, 1, KEMAIL_MAX_ADDRESS, &why) ||
         !length_ok("--server", server, 1, KEMAIL_MAX_HOST, &why) ||
-        !length_ok("--subject",
-                   library_converts ? tools::sjis_length_of_utf8(subject) : subject.size(), 0,
-                   KEMAIL_MAX_SUBJECT, &why))
-        return usage_error(why + counted);
+        (subject_checked_now && !length_ok("--subject", subject, 0, KEMAIL_MAX_SUBJECT, &why)))
+        return usage_error(why + " (Shift_JIS or EUC-JP bytes as given)");
 
     std::string text;
+    bool library_converts = false;
     {
         const std::string where = have_body && body_path != "-" ? body_path : "standard input";
         bool read_ok;
@@ -755,9 +748,30 @@ int main(int argc, char** argv) {
             error("cannot read the text from " + where);
             return EX_NOINPUT;
         }
+        if (guess_utf8 && input.how != tools::InputPlan::How::AsGiven &&
+            ((tools::is_ascii(subject) && tools::is_ascii(text)) || !tools::is_utf8(subject) ||
+             !tools::is_utf8(text)))
+            input.how = tools::InputPlan::How::AsGiven;
+        if (input.how == tools::InputPlan::How::LibraryUtf8 &&
+            ZvKe_SetOption("INPUT_CHARSET", "UTF-8") != 0) {
+            input.how = tools::InputPlan::How::Iconv;
+            input.from = charset;
+            input.to = "CP932";
+        }
+        library_converts = input.how == tools::InputPlan::How::LibraryUtf8;
+        if (input.how == tools::InputPlan::How::Iconv &&
+            !tools::convert_text(input.from, input.to, &subject, &why))
+            return usage_error("--subject: " + why);
         if (input.how == tools::InputPlan::How::Iconv &&
             !tools::convert_text(input.from, input.to, &text, &why))
             return usage_error("the text (--body): " + why);
+        // UTF-8 the library converts counts in its Shift_JIS form.
+        if (!subject_checked_now &&
+            !length_ok("--subject",
+                       library_converts ? tools::sjis_length_of_utf8(subject) : subject.size(), 0,
+                       KEMAIL_MAX_SUBJECT, &why))
+            return usage_error(why + (library_converts ? " (Shift_JIS bytes once converted)"
+                                                       : " (Shift_JIS or EUC-JP bytes as given)"));
         if (!length_ok("the text (--body)",
                        library_converts ? tools::sjis_length_of_utf8(text) : text.size(), 0,
                        KEMAIL_MAX_TEXT, &why))

@@ -125,6 +125,18 @@ TEST_F(SendToolCharset, TheCLocalePassesShiftJisAsGiven) {
     EXPECT_TRUE(has(server.received(), kEncodedNihon)) << server.received();
 }
 
+// Bytes that are no UTF-8 (Shift_JIS from a file) in a UTF-8 locale pass as
+// given, as they always did.
+TEST_F(SendToolCharset, ShiftJisInAUtf8LocalePassesAsGiven) {
+    ScriptServer server(whole_mail());
+    const ToolResult run = send("C.UTF-8", server, kSjisNihon, kSjisNihon + "\n");
+    ASSERT_TRUE(server.wait_done());
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.err, "");
+    EXPECT_TRUE(has(server.received(), kEncodedNihon)) << server.received();
+    EXPECT_TRUE(has(server.received(), "\r\n\r\n" + kJisNihon + "\r\n")) << server.received();
+}
+
 TEST_F(SendToolCharset, Ipv6SendsToAnIpv6Server) {
     if (!kemail_test::has_ipv6_loopback()) GTEST_SKIP() << "lo has no ::1 on this host";
     ScriptServer server(whole_mail(), kemail_test::Loopback::Ipv6);
