@@ -42,7 +42,7 @@ extern "C" {
 /* ------------------------------------------------------------------------ */
 
 #define KEMAIL_OK                0     /* accepted by the server */
-#define KEMAIL_W_CONVERSION      1     /* accepted; EUC-JP to Shift_JIS conversion failed */
+#define KEMAIL_W_CONVERSION      1     /* accepted; EUC-JP/UTF-8 to Shift_JIS conversion failed */
 #define KEMAIL_W_NO_AUTH         2     /* accepted without the SMTP AUTH that was asked for */
 #define KEMAIL_E_ARGUMENT        (-1)  /* an argument or record is invalid */
 #define KEMAIL_E_NO_MEMORY       (-2)  /* memory could not be allocated */
@@ -164,14 +164,14 @@ KEMAIL_API int ZvKe_SendEMailPartial_parts(unsigned int ulReserved, MailAddressI
  * version does not have, or a value it does not accept (nothing changes
  * then), so that a caller who asks for TLS from a version without it learns
  * so instead of sending in clear. Keys taken:
+ *   INPUT_CHARSET (UTF-8): subject, text and attachment names are UTF-8
  *   TLS (none, starttls, smtps)
  *   TLS_VERIFY (0, 1)
  *   TLS_CA_FILE (a PEM file of trusted roots)
  *   TLS_SERVER_NAME (the host name to verify and send as SNI)
  *   POP_TLS (none, stls, pop3s)
+ *   ADDRESS_FAMILY (ipv4, any): any resolves SMTP and POP3 servers to IPv6 and IPv4
  * Keys planned, answering -1 in this version:
- *   INPUT_CHARSET (UTF-8)
- *   ADDRESS_FAMILY (ipv4, any)
  *   PIPELINING (0, 1) */
 KEMAIL_API int ZvKe_SetOption(const char* key, const char* value) KEMAIL_NOEXCEPT;
 

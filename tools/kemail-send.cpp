@@ -9,6 +9,7 @@
 // Passwords are never taken from the command line (other users can read it
 // in the process list): from KEMAIL_PASSWORD / KEMAIL_POP_PASSWORD or from a
 // file.
+#include "input_charset.h"
 #include "kemail.h"
 #include "text_join.h"
 
@@ -64,7 +65,9 @@ const ResultName kResults[] = {
     {KEMAIL_OK, "KEMAIL_OK", "the server accepted the mail (every piece, when split)",
      Detail::None},
     {KEMAIL_W_CONVERSION, "KEMAIL_W_CONVERSION",
-     "accepted, but converting EUC-JP subject or text to Shift_JIS failed", Detail::None},
+     "accepted, but converting the subject or text to Shift_JIS failed (or, from "
+     "UTF-8, sent a character as GETA MARK)",
+     Detail::None},
     {KEMAIL_W_NO_AUTH, "KEMAIL_W_NO_AUTH", "accepted without the SMTP AUTH that was asked for",
      Detail::None},
     {KEMAIL_E_ARGUMENT, "KEMAIL_E_ARGUMENT", "an argument or setting is invalid", Detail::None},
@@ -106,9 +109,12 @@ void print_help() {
         "Usage: %s --from ADDR --to LIST --server HOST [options] [--body FILE | < text]\n"
         "\n"
         "Sends one mail through libkemail. The text is read from --body FILE, or from\n"
-        "standard input when --body is not given. Subject and text are passed on as\n"
-        "bytes: Shift_JIS, or EUC-JP when the process runs in an EUC-JP locale\n"
-        "(LANG=ja_JP.eucJP); the library sends them as ISO-2022-JP.\n"
+        "standard input when --body is not given. Subject and text are read in the\n"
+        "terminal's character set (the locale's codeset, or --charset) and handed to\n"
+        "the library as it takes them: Shift_JIS, or EUC-JP when the process runs in\n"
+        "an EUC-JP locale (LANG=ja_JP.eucJP); it sends them as ISO-2022-JP. In the C\n"
+        "locale, and in the library's own charset, the bytes pass as given; so do,\n"
+        "without --charset, ASCII and bytes that are no UTF-8 (Shift_JIS from a file).\n"
         "\n"
         "Message:\n"
         "  --from ADDR              sender address (1..256 bytes)\n"
@@ -119,9 +125,17 @@ void print_help() {
         "  --attach FILE            attach FILE (repeatable)\n"
         "  --attach-delete FILE     attach FILE and delete it after a successful send\n"
         "                           (repeatable; kept when the send fails)\n"
+        "  --charset NAME           subject and text are in NAME (an iconv name, e.g.\n"
+        "                           UTF-8, EUC-JP, CP932), not the terminal's charset;\n"
+        "                           UTF-8 is converted by the library (INPUT_CHARSET),\n"
+        "                           which also converts attachment names and sends a\n"
+        "                           character without a Shift_JIS form as GETA MARK\n"
         "\n"
         "Server and delivery:\n"
         "  --server HOST            SMTP server name or dotted IPv4 address (1..256 bytes)\n"
+        "  --ipv6                   resolve names to IPv6 and IPv4 addresses and try\n"
+        "                           each in turn; HOST may be an IPv6 address such as\n"
+        "                           ::1 (ADDRESS_FAMILY=any; also for --pop-server)\n"
         "  --port N                 SMTP port (default: service \"smtp\", else 25)\n"
         "  --split                  send a mail larger than one piece as message/partial\n"
         "                           pieces, one SMTP transaction each\n"
@@ -525,6 +539,8 @@ enum Option {
     kTlsServerName,
     kTlsNoVerify,
     kPopTls,
+    kIpv6,
+    kCharset,
 };
 
 // The TLS options, handed to the library as ZvKe_SetOption keys.
@@ -579,14 +595,18 @@ struct TimeoutOption {
     int32_t* slot;
 };
 
-// Checks a text against the library's byte limits.
+// Checks a length in bytes against the library's byte limits.
+bool length_ok(const std::string& option, size_t size, size_t min, size_t max, std::string* why) {
+    if (size >= min && size <= max) return true;
+    *why =
+        option + cat(" is ", std::to_string(size)) + " bytes; " +
+        (size < min ? cat("at least ", std::to_string(min)) : cat("at most ", std::to_string(max)));
+    return false;
+}
+
 bool length_ok(const std::string& option, const std::string& value, size_t min, size_t max,
                std::string* why) {
-    if (value.size() >= min && value.size() <= max) return true;
-    *why = option + cat(" is ", std::to_string(value.size())) + " bytes; " +
-           (value.size() < min ? cat("at least ", std::to_string(min))
-                               : cat("at most ", std::to_string(max)));
-    return false;
+    return length_ok(option, value.size(), min, max, why);
 }
 
 }  // namespace
@@ -630,10 +650,14 @@ int main(int argc, char** argv) {
         {"verbose", no_argument, nullptr, 'v'},
         {"help", no_argument, nullptr, 'h'},
         {"version", no_argument, nullptr, kVersion},
+        {"ipv6", no_argument, nullptr, kIpv6},
+        {"charset", required_argument, nullptr, kCharset},
         {nullptr, 0, nullptr, 0},
     };
 
     std::string from, to, subject, server, body_path, user, password_file;
+    bool ipv6 = false, have_charset = false;
+    std::string charset;
     std::string pop_server, pop_user, pop_password_file, mechanisms;
     bool have_body = false, split = false, have_options = false, have_timeouts = false;
     bool have_auth = false, have_pop = false, require_auth = false, json = false, verbose = false;
@@ -723,6 +747,8 @@ int main(int argc, char** argv) {
                 if (!take_tls_option(opt, optarg ? optarg : "", &tls, &tls_why))
                     return usage_error(tls_why);
                 break;
+            case kIpv6: ipv6 = true; break;
+            case kCharset: charset = optarg, have_charset = true; break;
             case 'v': verbose = true; break;
             case 'h': print_help(); return EX_OK;
             case kVersion:
@@ -764,14 +790,28 @@ int main(int argc, char** argv) {
         }
     }
 
+    if (ipv6 && ZvKe_SetOption("ADDRESS_FAMILY", "any") != 0)
+        return usage_error("--ipv6: this libkemail has no IPv6");
+    // Subject and text in the terminal's character set (or --charset's)
+    // become what the library takes; UTF-8 the library converts itself.
+    if (!have_charset) charset = tools::terminal_charset();
+    tools::InputPlan input = tools::plan_input(charset);
+    // Without --charset, text from a UTF-8 terminal that is plain ASCII, or
+    // is no UTF-8 at all (Shift_JIS or EUC-JP bytes from a file), passes as
+    // given, as it always did; that is decided once the text is read, so a
+    // subject that may still be converted is measured then.
+    const bool guess_utf8 = !have_charset && tools::charset_family(charset) == tools::Family::Utf8;
+    const bool subject_checked_now =
+        input.how == tools::InputPlan::How::AsGiven || tools::is_ascii(subject);
     std::string why;
     if (!length_ok("--from", from, 1, KEMAIL_MAX_ADDRESS, &why) ||
         !length_ok("--to", to, 1, KEMAIL_MAX_ADDRESS, &why) ||
         !length_ok("--server", server, 1, KEMAIL_MAX_HOST, &why) ||
-        !length_ok("--subject", subject, 0, KEMAIL_MAX_SUBJECT, &why))
+        (subject_checked_now && !length_ok("--subject", subject, 0, KEMAIL_MAX_SUBJECT, &why)))
         return usage_error(why + " (Shift_JIS or EUC-JP bytes as given)");
 
     std::string text;
+    bool library_converts = false;
     {
         const std::string where = have_body && body_path != "-" ? body_path : "standard input";
         bool read_ok;
@@ -790,7 +830,33 @@ int main(int argc, char** argv) {
             error("cannot read the text from " + where);
             return EX_NOINPUT;
         }
-        if (!length_ok("the text (--body)", text, 0, KEMAIL_MAX_TEXT, &why))
+        if (guess_utf8 && input.how != tools::InputPlan::How::AsGiven &&
+            ((tools::is_ascii(subject) && tools::is_ascii(text)) || !tools::is_utf8(subject) ||
+             !tools::is_utf8(text)))
+            input.how = tools::InputPlan::How::AsGiven;
+        if (input.how == tools::InputPlan::How::LibraryUtf8 &&
+            ZvKe_SetOption("INPUT_CHARSET", "UTF-8") != 0) {
+            input.how = tools::InputPlan::How::Iconv;
+            input.from = charset;
+            input.to = "CP932";
+        }
+        library_converts = input.how == tools::InputPlan::How::LibraryUtf8;
+        if (input.how == tools::InputPlan::How::Iconv &&
+            !tools::convert_text(input.from, input.to, &subject, &why))
+            return usage_error("--subject: " + why);
+        if (input.how == tools::InputPlan::How::Iconv &&
+            !tools::convert_text(input.from, input.to, &text, &why))
+            return usage_error("the text (--body): " + why);
+        // UTF-8 the library converts counts in its Shift_JIS form.
+        if (!subject_checked_now &&
+            !length_ok("--subject",
+                       library_converts ? tools::sjis_length_of_utf8(subject) : subject.size(), 0,
+                       KEMAIL_MAX_SUBJECT, &why))
+            return usage_error(why + (library_converts ? " (Shift_JIS bytes once converted)"
+                                                       : " (Shift_JIS or EUC-JP bytes as given)"));
+        if (!length_ok("the text (--body)",
+                       library_converts ? tools::sjis_length_of_utf8(text) : text.size(), 0,
+                       KEMAIL_MAX_TEXT, &why))
             return usage_error(why);
     }
 
@@ -954,6 +1020,11 @@ int main(int argc, char** argv) {
                      " (no allowed mechanism offered, HELO only, or every mechanism refused)%s\n",
                      kProgram, require_auth ? "error" : "warning",
                      require_auth ? "" : "; --require-auth makes this a failure");
+    } else if (result == KEMAIL_W_CONVERSION && library_converts) {
+        std::fprintf(stderr,
+                     "%s: warning: KEMAIL_W_CONVERSION (1): a character of the subject, text"
+                     " or an attachment name has no Shift_JIS form and was sent as GETA MARK\n",
+                     kProgram);
     } else if (result >= 0) {
         if (verbose || terminal)
             std::fprintf(stderr, "%s: sent: %s (%d)\n", kProgram, name, result);

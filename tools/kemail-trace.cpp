@@ -137,6 +137,9 @@ const CodeInfo kCodes[] = {
     {"EMAILAPI0053", Layout::None, true},       {"EMAILAPI0056", Layout::None, true},
     {"EMAILAPI0057", Layout::None, true},       {"EMAILAPI1020", Layout::None, true},
     {"EMAILAPI1120", Layout::None, true},       {"EMAILAPI1145", Layout::None, true},
+    {"EMAILAPI006b", Layout::None, true},       {"EMAILAPI006c", Layout::None, true},
+    {"EMAILAPI006d", Layout::None, true},       {"EMAILAPI00b8", Layout::None, true},
+    {"getsmtp0031", Layout::Result, true},      {"getpop0031", Layout::Result, true},
 };
 
 const CodeInfo* code_info(const std::string& code) {

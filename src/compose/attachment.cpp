@@ -28,15 +28,13 @@ constexpr size_t kLineBytes = 51;
 constexpr size_t kLineChars = 68;
 constexpr size_t kLineWithEnd = kLineChars + 2;
 
-// The attachment name as the part header shows it: at most 1059 bytes (a
-// longer last path component is cut).
-constexpr size_t kNameBufferSize = 1060;
-
 // A regular file is read in blocks of this many lines and each block's lines
 // go out in one write (together with the part header before them): the same
 // bytes as one read and one write per line, at a small fraction of the system
 // calls. 2048 lines: 102 KiB in, 140 KiB out.
 constexpr size_t kLinesPerBlock = 2048;
+
+}  // namespace
 
 const char* attachment_name(const char* path, char* name, size_t size) {
     // The last "/" or ":" after the first character separates the name; a
@@ -53,6 +51,8 @@ const char* attachment_name(const char* path, char* name, size_t size) {
     copy_cut(name, size, path + start);
     return name;
 }
+
+namespace {
 
 enum class Copy { Done, ReadFailed, WriteFailed };
 
@@ -155,14 +155,23 @@ KEMAIL_API void SMTP_makeBoundary(char* pszDst) noexcept {
 
 KEMAIL_API int SMTP_makeAppendData(int lFile, const char* pszPath, const char* pszBoundary,
                                    int lMore, unsigned int* pulErr) noexcept {
+    return kemail::make_append_data(lFile, pszPath, nullptr, pszBoundary, lMore, pulErr);
+}
+
+}  // extern "C"
+
+namespace kemail {
+
+int make_append_data(int lFile, const char* pszPath, const char* pszName, const char* pszBoundary,
+                     int lMore, unsigned int* pulErr) {
     unsigned int local_err = 0;
     if (pulErr == nullptr) pulErr = &local_err;
     *pulErr = 0;
     trace(g_trace, 1, "smtp0700");
     const char* path = pszPath ? pszPath : "";
     const char* boundary = pszBoundary ? pszBoundary : "";
-    char name[kNameBufferSize];
-    attachment_name(path, name, sizeof name);
+    char derived[kAttachmentNameSize];
+    const char* name = pszName ? pszName : attachment_name(path, derived, sizeof derived);
 
     MessageWriter out(lFile, pulErr);
     size_t n = static_cast<size_t>(
@@ -236,4 +245,4 @@ KEMAIL_API int SMTP_makeAppendData(int lFile, const char* pszPath, const char* p
     return 0;
 }
 
-}  // extern "C"
+}  // namespace kemail

@@ -163,6 +163,19 @@ size_t format_recipient_line(char* out, size_t size, const char* element, bool f
 // piece failed (dest then holds the unconverted source, cut to size - 1).
 int convert_lines(iconv_t converter, const char* source, char* dest, size_t dest_size);
 
+// The attachment name as the part header shows it: at most 1059 bytes (a
+// longer last path component is cut).
+constexpr size_t kAttachmentNameSize = 1060;
+
+// The name an attachment part gives the file at path: its last component,
+// cut to size - 1 bytes. Returns name.
+const char* attachment_name(const char* path, char* name, size_t size);
+
+// SMTP_makeAppendData; a non-null name is what the part header shows instead
+// of the path's last component (a name converted for the header).
+int make_append_data(int fd, const char* path, const char* name, const char* boundary, int more,
+                     unsigned int* pulErr);
+
 // Lowercase hexadecimal of length bytes into out (2 * length + 1 bytes).
 void to_hex(const unsigned char* src, size_t length, char* out);
 

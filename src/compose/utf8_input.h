@@ -24,4 +24,20 @@ struct Utf8Conversion {
 Utf8Conversion utf8_to_sjis(const char* source, size_t length, char* dest,
                             size_t dest_size) noexcept;
 
+// No character's Shift_JIS form is shorter than a third of its UTF-8 form
+// (half-width katakana: 3 bytes to 1), so a text whose Shift_JIS form has at
+// most `limit` bytes has at most this many UTF-8 bytes.
+constexpr size_t max_utf8_length(size_t limit) { return 3 * limit; }
+
+struct Utf8Measure {
+    size_t length = 0;      // bytes of the Shift_JIS form, or limit + 1
+    bool too_long = false;  // the form has more than limit bytes
+    bool failed = false;    // no converter could be opened
+};
+
+// How many bytes the Shift_JIS form of the NUL-terminated UTF-8 text has,
+// counted up to limit + 1. Reads no more than max_utf8_length(limit) + 1
+// bytes of the text.
+Utf8Measure sjis_length(const char* source, size_t limit) noexcept;
+
 }  // namespace kemail

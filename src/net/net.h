@@ -1,4 +1,5 @@
-// IPv4 name resolution, TCP connection and a select-based line reader,
+// IPv4 name resolution and, with ADDRESS_FAMILY=any, resolution of IPv6
+// and IPv4 addresses; TCP connection and a select-based line reader,
 // shared by the SMTP session and the POP3 client. Each caller keeps its own
 // trace codes, retry counts and time-outs: these routines trace what happens
 // inside their loops under the codes they are given, and return what the
@@ -10,7 +11,11 @@
 
 #include <cstddef>
 
+#include <memory>
+
+#include <netdb.h>
 #include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 
 namespace kemail::net {
@@ -76,6 +81,52 @@ struct Connection {
 // (the kernel goes on connecting after EINTR) and its outcome fetched. On
 // failure no socket is left open.
 Connection connect_ipv4(const sockaddr_in& peer, const ConnectCodes& codes, TraceHandle* trace);
+
+// ---- Any address family (ADDRESS_FAMILY=any) ------------------------------
+
+// Trace codes of a resolution with getaddrinfo: start at level 1, a busy
+// resolver (EAI_AGAIN, retried after 1 s), the answer and each of its
+// addresses (the socket address) at level 2, the first address (its 4 or 16
+// bytes) at level 1. Failures are traced by the caller.
+struct AddressListCodes {
+    const char* start;
+    const char* busy;
+    const char* answered;
+    const char* address;
+    const char* resolved;
+};
+
+struct AddrinfoFree {
+    void operator()(addrinfo* list) const { ::freeaddrinfo(list); }
+};
+using AddressList = std::unique_ptr<addrinfo, AddrinfoFree>;
+
+struct ResolvedList {
+    AddressList list;  // the stream addresses in the resolver's order; null on failure
+    int error;         // 0, or getaddrinfo's EAI_ code on failure
+};
+
+// Looks the name up for IPv6 and IPv4 TCP (AF_UNSPEC, SOCK_STREAM); a
+// literal address of either family is taken as it is. Up to 5 lookups 1 s
+// apart while the resolver answers EAI_AGAIN.
+ResolvedList resolve_any(const char* name, const AddressListCodes& codes, TraceHandle* trace);
+
+// Sets the port (network order) of every address of the list.
+void set_port(addrinfo* list, uint16_t port);
+
+struct AnyConnection {
+    Connection connection;
+    sockaddr_storage peer;  // the address connected to
+    socklen_t peer_length;
+};
+
+// Tries each address of the list in order, `trying` (level 2, the socket
+// address) before each. A round in which every address refused is retried
+// as connect_ipv4 retries a refusal; a round with any other failure ends the
+// attempts. On failure no socket is left open and the result is
+// the last attempt's.
+AnyConnection connect_any(const addrinfo* list, const ConnectCodes& codes, const char* trying,
+                          TraceHandle* trace);
 
 // ---- Line reading ---------------------------------------------------------
 

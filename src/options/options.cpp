@@ -35,10 +35,10 @@ struct KeyName {
     bool available;
 };
 constexpr KeyName kKeys[kKeyCount] = {
-    {Key::InputCharset, "INPUT_CHARSET", false},   {Key::Tls, "TLS", true},
+    {Key::InputCharset, "INPUT_CHARSET", true},    {Key::Tls, "TLS", true},
     {Key::TlsVerify, "TLS_VERIFY", true},          {Key::TlsCaFile, "TLS_CA_FILE", true},
     {Key::TlsServerName, "TLS_SERVER_NAME", true}, {Key::PopTls, "POP_TLS", true},
-    {Key::AddressFamily, "ADDRESS_FAMILY", false}, {Key::Pipelining, "PIPELINING", false},
+    {Key::AddressFamily, "ADDRESS_FAMILY", true},  {Key::Pipelining, "PIPELINING", false},
 };
 
 // A key's value as given: the text of the longest accepted value, a path.
@@ -176,6 +176,12 @@ void load_from_profile(ProfileHandle* profile) noexcept {
     }
     const MutexLock guard(g_lock);
     g_file = loaded;
+}
+
+void load_from_file(const char* path) noexcept {
+    ProfileHandle* profile = Com_OpenPrivateProfile(path, 0);
+    load_from_profile(profile);
+    if (profile != nullptr) Com_ClosePrivateProfile(profile, path);
 }
 
 Settings current() noexcept {

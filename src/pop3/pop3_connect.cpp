@@ -3,6 +3,7 @@
 
 #include "log/trace_record.h"
 #include "net/net.h"
+#include "options/options.h"
 #include "pop3/pop3_internal.h"
 
 #include <cstdint>
@@ -44,6 +45,50 @@ uint16_t choose_port(unsigned int port, TraceHandle* trace) {
     return htons(kDefaultPop3Port);
 }
 
+constexpr net::AddressListCodes kAddressListCodes{.start = "getpop0000",
+                                                  .busy = "getpop0020",
+                                                  .answered = "getpop0040",
+                                                  .address = "getpop0041",
+                                                  .resolved = "getpopFFFF"};
+
+// Pop3_Connect for ADDRESS_FAMILY=any: every address of the name, IPv6 and
+// IPv4, in the resolver's order, under the same retries, results and log
+// lines.
+int connect_any_family(const char* server, unsigned int port, int* err, TraceHandle* handle) {
+    net::ResolvedList resolved = net::resolve_any(server, kAddressListCodes, handle);
+    if (resolved.error != 0) {
+        *err = resolved.error;
+        MailLogSysErrWrite(g_pLogHandle, "getaddrinfo", 0, resolved.error,
+                           gai_strerror(resolved.error));
+        trace_word(handle, 0, "getpop0031", static_cast<uint32_t>(resolved.error));
+        trace_word(handle, 0, "Pop3_0020", static_cast<uint32_t>(*err));
+        return -11;
+    }
+    const addrinfo& first = *resolved.list;
+    trace_data(handle, 2, "Pop3_0100", first.ai_addr, first.ai_addrlen);
+    const uint16_t chosen = choose_port(port, handle);
+    trace_data(handle, 2, "Pop3_0200", &chosen, sizeof chosen);
+    net::set_port(resolved.list.get(), chosen);
+
+    const net::AnyConnection outcome =
+        net::connect_any(resolved.list.get(), kConnectCodes, "Pop3_0231", handle);
+    const net::Connection& connection = outcome.connection;
+    if (connection.sock >= 0) {
+        kemail::trace(handle, 2, "Pop3_0240");
+        kemail::trace(handle, 1, "Pop3_03ff");
+        return connection.sock;
+    }
+    *err = connection.error;
+    if (connection.failed == net::Failed::Socket) {
+        trace_word(handle, 0, "Pop3_0220", static_cast<uint32_t>(*err));
+        MailLogSysErrWrite(g_pLogHandle, "socket", connection.result, *err, nullptr);
+        return -1;
+    }
+    kemail::trace(handle, 0, "Pop3_0290");
+    MailLogSysErrWrite(g_pLogHandle, "connect", connection.result, *err, nullptr);
+    return -2;
+}
+
 }  // namespace
 
 // Kept: 255.255.255.255, given literally or as a name's answer, is no server
@@ -74,6 +119,8 @@ KEMAIL_API int Pop3_Connect(const char* pszServer, unsigned int ulPort, int* plE
 
     trace_text(pTrace, 1, "Pop3_0000", server);
     *err = 0;
+    if (options::current().address_family == options::AddressFamily::Any)
+        return connect_any_family(server, ulPort, err, pTrace);
     const in_addr_t address = Pop3_GetAddress(server, err, pTrace);
     if (address == INADDR_NONE) {
         trace_word(pTrace, 0, "Pop3_0020", static_cast<uint32_t>(*err));

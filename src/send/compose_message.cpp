@@ -118,7 +118,13 @@ int compose_message(const SendPlan& plan, WorkFile& staged_text, int has_attachm
             more = 0;
         }
         const char* path = plan.contents[i].pszData;
-        result = SMTP_makeAppendData(fd, path, composed.boundary, more, &file_err);
+        if (plan.utf8_input) {
+            char name[kAttachmentNameSize];
+            if (convert_utf8_attachment_name(path, name)) composed.name_replaced = true;
+            result = make_append_data(fd, path, name, composed.boundary, more, &file_err);
+        } else {
+            result = SMTP_makeAppendData(fd, path, composed.boundary, more, &file_err);
+        }
         if (result < 0) {
             trace_word(g_trace, 0, "EMAILAPI00b1", static_cast<uint32_t>(result));
             trace_word(g_trace, 0, "EMAILAPI00b2", static_cast<uint32_t>(fd));

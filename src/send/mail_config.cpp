@@ -3,7 +3,6 @@
 #include "send/send_internal.h"
 
 #include "log/trace_record.h"
-#include "options/options.h"
 #include "util/paths.h"
 
 namespace kemail {
@@ -12,9 +11,6 @@ int read_mail_config() {
     trace(g_trace, 1, "READKEMAIL0000");
     Content_D_flg = 0;
     ProfileHandle* profile = Com_OpenPrivateProfile(KEMAIL_MAIL_INI, 0);
-    // The settings beyond the design come from the same file; a missing file
-    // leaves only the process's own overrides.
-    options::load_from_profile(profile);
     if (profile == nullptr) {
         trace(g_trace, 0, "READKEMAIL0010");
         return -1;

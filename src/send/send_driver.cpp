@@ -5,6 +5,8 @@
 #include "send/send_internal.h"
 
 #include "log/trace_record.h"
+#include "options/options.h"
+#include "util/paths.h"
 #include "util/unique_fd.h"
 
 #include "send/pop_before_smtp.h"
@@ -33,11 +35,13 @@ struct Arguments {
     MailAuthInfo* auth;
     char* message;
     const char* temp_dir;
+    bool utf8;  // INPUT_CHARSET=UTF-8: the limits count the Shift_JIS form
 };
 
 // Checks 1 to 17 of the request, in their order. Fills the part size and the
-// port, and installs the time-outs. Returns 0 or the public result.
-int check_request(const Arguments& a, int* part_size_kb, unsigned* port) {
+// port, installs the time-outs and, for UTF-8 input, gives the Shift_JIS
+// length of the text. Returns 0 or the public result.
+int check_request(const Arguments& a, int* part_size_kb, unsigned* port, size_t* text_length) {
     if (a.address == nullptr || a.contents == nullptr || a.from == nullptr ||
         a.subject == nullptr || a.server == nullptr || a.message == nullptr ||
         a.temp_dir == nullptr) {
@@ -129,17 +133,35 @@ int check_request(const Arguments& a, int* part_size_kb, unsigned* port) {
     }
     SMTP_SetTimeOutInfo(&timeouts);
 
-    const size_t subject_length = bounded_length(a.subject, KEMAIL_MAX_SUBJECT);
-    if (subject_length > KEMAIL_MAX_SUBJECT) {
-        trace_data(g_trace, 0, "EMAILAPI0057", a.subject, subject_length);
-        return KEMAIL_E_ARGUMENT;
+    if (a.utf8) {
+        const Utf8Measure subject = measure_utf8(a.subject, KEMAIL_MAX_SUBJECT);
+        if (subject.failed) return KEMAIL_E_INTERNAL;
+        if (subject.too_long) {
+            trace_data(g_trace, 0, "EMAILAPI0057", a.subject,
+                       bounded_length(a.subject, max_utf8_length(KEMAIL_MAX_SUBJECT)));
+            return KEMAIL_E_ARGUMENT;
+        }
+    } else {
+        const size_t subject_length = bounded_length(a.subject, KEMAIL_MAX_SUBJECT);
+        if (subject_length > KEMAIL_MAX_SUBJECT) {
+            trace_data(g_trace, 0, "EMAILAPI0057", a.subject, subject_length);
+            return KEMAIL_E_ARGUMENT;
+        }
     }
     MailLogWrite(g_pLogHandle, KEMAIL_LOG_NOTE, a.subject);
 
     const char* text = a.contents[0].pszData;
     if (text != nullptr) {
         trace(g_trace, 2, "EMAILAPI1010");
-        const size_t needed = bounded_length(text, KEMAIL_MAX_TEXT) + 1;
+        size_t needed;
+        if (a.utf8) {
+            const Utf8Measure measure = measure_utf8(text, KEMAIL_MAX_TEXT);
+            if (measure.failed) return KEMAIL_E_INTERNAL;
+            *text_length = measure.length;
+            needed = measure.length + 1;
+        } else {
+            needed = bounded_length(text, KEMAIL_MAX_TEXT) + 1;
+        }
         if (needed > kTextBufferLimit) {
             trace_word(g_trace, 0, "EMAILAPI1020", static_cast<uint32_t>(needed));
             return KEMAIL_E_ARGUMENT;
@@ -177,10 +199,13 @@ int check_authentication(MailAuthInfo* auth, char* message) {
     return 0;
 }
 
-// Converts subject and text from EUC-JP when the locale says so, else copies
-// them. Returns the warning: 1 when a conversion failed.
+// Converts subject and text from UTF-8 when INPUT_CHARSET says so, else from
+// EUC-JP when the locale says so, else copies them. Returns the warning: 1
+// when a conversion failed or replaced characters; -1 when the UTF-8
+// converter cannot be opened.
 int prepare_texts(const char* subject, const char* text, char (&subject_out)[kSubjectSize],
-                  char* text_out, size_t text_size) {
+                  char* text_out, size_t text_size, bool utf8) {
+    if (utf8) return convert_utf8_texts(subject, text, subject_out, text_out, text_size);
     const Language language = detect_language();
     trace_word(g_trace, 2, "EMAILAPI0060", static_cast<uint32_t>(language));
     if (language != kLanguageEucJp) {
@@ -216,11 +241,16 @@ int prepare_texts(const char* subject, const char* text, char (&subject_out)[kSu
     return warning;
 }
 
-int send_mail(const Arguments& a) {
+int send_mail(Arguments& a) {
     trace(g_trace, 1, "EMAILAPI0000");
+    // The settings come first: with UTF-8 input the request checks count the
+    // subject and text in their Shift_JIS form.
+    options::load_from_file(KEMAIL_MAIL_INI);
+    a.utf8 = options::current().input_charset == options::InputCharset::Utf8;
     int part_size_kb = kDefaultPartSizeKb;
     unsigned port = 0;
-    int result = check_request(a, &part_size_kb, &port);
+    size_t utf8_text_length = 0;
+    int result = check_request(a, &part_size_kb, &port, &utf8_text_length);
     if (result != 0) return result;
 
     read_mail_config();
@@ -231,7 +261,7 @@ int send_mail(const Arguments& a) {
     UniqueMalloc<char> text_buffer;
     size_t text_size = 0;
     if (text != nullptr) {
-        text_size = std::strlen(text) + 1;
+        text_size = (a.utf8 ? utf8_text_length : std::strlen(text)) + 1;
         // Kept: the codes of the authentication check, with another meaning
         // (test SendTrace.Emailapi1110And1120MarkBothTheAuthRecordAndTheTextBuffer).
         trace_word(g_trace, 2, "EMAILAPI1110", static_cast<uint32_t>(text_size));
@@ -242,7 +272,8 @@ int send_mail(const Arguments& a) {
         }
     }
     char subject[kSubjectSize] = {};
-    const int warning = prepare_texts(a.subject, text, subject, text_buffer.get(), text_size);
+    int warning = prepare_texts(a.subject, text, subject, text_buffer.get(), text_size, a.utf8);
+    if (warning < 0) return KEMAIL_E_INTERNAL;
 
     WorkFile staged_text;
     unsigned file_err = 0;
@@ -281,10 +312,12 @@ int send_mail(const Arguments& a) {
                         a.auth,
                         subject,
                         a.temp_dir,
-                        a.message};
+                        a.message,
+                        a.utf8};
     ComposedMessage composed;
     result = compose_message(plan, staged_text, has_attachment, composed);
     if (result != 0) return result;
+    if (composed.name_replaced) warning = 1;
     return run_session(plan, composed, warning);
 }
 
@@ -302,9 +335,9 @@ KEMAIL_API int ZvKe_SendEMailPartial_parts(unsigned int ulReserved, MailAddressI
                                            MailTimeoutInfo* pstTimeout, MailAuthInfo* pstAuth,
                                            char* pszMessage, const char* pszTempDir) noexcept {
     (void)ulReserved;  // reserved: never read
-    const kemail::Arguments arguments{
-        pstAddress, lAddressCount, pstContent, lContentCount, pszFrom,    pszSubject, pszServer,
-        ulSplit,    pstOption,     pstTimeout, pstAuth,       pszMessage, pszTempDir};
+    kemail::Arguments arguments{pstAddress, lAddressCount, pstContent, lContentCount, pszFrom,
+                                pszSubject, pszServer,     ulSplit,    pstOption,     pstTimeout,
+                                pstAuth,    pszMessage,    pszTempDir, false};
     return kemail::send_mail(arguments);
 }
 

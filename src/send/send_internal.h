@@ -18,6 +18,7 @@
 #pragma once
 
 #include "compose/compose.h"
+#include "compose/utf8_input.h"
 #include "kemail.h"
 #include "util/util.h"
 
@@ -53,6 +54,23 @@ int read_mail_config();
 // Classifies the process locale through the EUC and Shift_JIS locale tables
 // (GETLANG).
 Language detect_language();
+
+// ---------------------------------------------------------------------------
+// UTF-8 input (INPUT_CHARSET=UTF-8).
+// ---------------------------------------------------------------------------
+// The Shift_JIS length of a UTF-8 subject or text, counted up to limit + 1
+// for the request checks; EMAILAPI006d when no converter can be opened.
+Utf8Measure measure_utf8(const char* text, size_t limit);
+
+// Converts the subject and, when text_out is given, the text into the
+// buffers the request checks sized. Returns the warning (1 when a character
+// became the GETA MARK), or -1 when no converter can be opened.
+int convert_utf8_texts(const char* subject, const char* text, char (&subject_out)[kSubjectSize],
+                       char* text_out, size_t text_size);
+
+// The name the part header of the attachment at path shows, in Shift_JIS.
+// True when a character became the GETA MARK (traced and logged).
+bool convert_utf8_attachment_name(const char* path, char (&name)[kAttachmentNameSize]);
 
 // ---------------------------------------------------------------------------
 // Work files.
@@ -120,7 +138,8 @@ struct SendPlan {
     const MailAuthInfo* auth;
     const char* subject;  // in Shift_JIS (converted)
     const char* temp_dir;
-    char* message;  // the caller's message buffer
+    char* message;            // the caller's message buffer
+    bool utf8_input = false;  // attachment names are UTF-8 (INPUT_CHARSET)
 };
 
 // What composition leaves for the session.
@@ -129,6 +148,7 @@ struct ComposedMessage {
     char boundary[KEMAIL_BOUNDARY_SIZE] = {};
     int piece_count = 0;
     char partial_id[KEMAIL_PARTIAL_ID_SIZE] = {};
+    bool name_replaced = false;  // an attachment name lost characters
 };
 
 // Piece buffer size: the piece, room for the reader to finish the last line

@@ -144,23 +144,44 @@ TEST_F(Options, AMissingFileClearsWhatAnEarlierFileGave) {
 // asks for TLS must not get a send in clear.
 TEST(OptionsAvailable, KeysWithoutTheirBehaviourAreRefused) {
     kemail::options::reset();
-    for (const char* key : {
-             "ADDRESS_FAMILY",
-             "PIPELINING",
-             "INPUT_CHARSET",
-         }) {
+    for (const char* key : {"PIPELINING"}) {
         EXPECT_EQ(ZvKe_SetOption(key, "1"), -1) << key;
         EXPECT_EQ(ZvKe_SetOption(key, nullptr), -1) << key;
     }
     TempDir dir;
     const std::string path = dir.file("kemail.ini");
-    kemail_test::write_file(path, "[KEMAIL]\nINPUT_CHARSET=UTF-8\n");
+    kemail_test::write_file(path, "[KEMAIL]\nPIPELINING=1\n");
     ProfileHandle* profile = Com_OpenPrivateProfile(path.c_str(), 0);
     ASSERT_NE(profile, nullptr);
     kemail::options::load_from_profile(profile);
     Com_ClosePrivateProfile(profile, nullptr);
     const Settings s = current();
-    EXPECT_EQ(s.input_charset, InputCharset::Locale);
+    EXPECT_FALSE(s.pipelining);
+}
+
+// UTF-8 input and the address family are in the library: taken from the
+// file and from ZvKe_SetOption without the test switch.
+TEST(OptionsAvailable, InputCharsetAndAddressFamilyAreTaken) {
+    kemail::options::reset();
+    EXPECT_EQ(ZvKe_SetOption("INPUT_CHARSET", "UTF-8"), 0);
+    EXPECT_EQ(ZvKe_SetOption("ADDRESS_FAMILY", "any"), 0);
+    EXPECT_EQ(ZvKe_SetOption("ADDRESS_FAMILY", "ipv6"), -1) << "not a value of the key";
+    EXPECT_EQ(current().input_charset, InputCharset::Utf8);
+    EXPECT_EQ(current().address_family, AddressFamily::Any);
+    EXPECT_EQ(ZvKe_SetOption("INPUT_CHARSET", nullptr), 0);
+    EXPECT_EQ(ZvKe_SetOption("ADDRESS_FAMILY", nullptr), 0);
+    EXPECT_EQ(current().input_charset, InputCharset::Locale);
+
+    TempDir dir;
+    const std::string path = dir.file("kemail.ini");
+    kemail_test::write_file(path, "[KEMAIL]\nINPUT_CHARSET=UTF-8\nADDRESS_FAMILY=any\n");
+    kemail::options::load_from_file(path.c_str());
+    EXPECT_EQ(current().input_charset, InputCharset::Utf8);
+    EXPECT_EQ(current().address_family, AddressFamily::Any);
+    kemail::options::load_from_file(dir.file("missing.ini").c_str());
+    EXPECT_EQ(current().input_charset, InputCharset::Locale) << "no file: no value from it";
+    EXPECT_EQ(current().address_family, AddressFamily::Ipv4);
+    kemail::options::reset();
 }
 
 // The TLS keys are taken from ZvKe_SetOption and from the file; a value they

@@ -208,4 +208,118 @@ TEST(NetResolve, TheAllOnesAnswerCountsOnlyWhenTakenAsGiven) {
     EXPECT_EQ(refused.error, HOST_NOT_FOUND);
 }
 
+// ---- ADDRESS_FAMILY=any --------------------------------------------------
+
+constexpr net::AddressListCodes kList{.start = "A_start",
+                                      .busy = "A_busy",
+                                      .answered = "A_answered",
+                                      .address = "A_address",
+                                      .resolved = "A_resolved"};
+
+TEST(NetResolveAny, ALiteralIpv6AddressIsTakenAsItIs) {
+    TraceCapture trace("net_any_literal6");
+    const net::ResolvedList resolved = net::resolve_any("::1", kList, trace.handle());
+    ASSERT_EQ(resolved.error, 0);
+    ASSERT_NE(resolved.list, nullptr);
+    EXPECT_EQ(resolved.list->ai_family, AF_INET6);
+    EXPECT_EQ(resolved.list->ai_next, nullptr);
+    const auto* in6 = reinterpret_cast<const sockaddr_in6*>(resolved.list->ai_addr);
+    EXPECT_TRUE(IN6_IS_ADDR_LOOPBACK(&in6->sin6_addr));
+    EXPECT_EQ(trace.codes(),
+              (std::vector<std::string>{"A_start", "A_answered", "A_address", "A_resolved"}));
+}
+
+TEST(NetResolveAny, ADottedAddressGivesItsIpv4Address) {
+    const net::ResolvedList resolved = net::resolve_any("127.0.0.1", kList, nullptr);
+    ASSERT_EQ(resolved.error, 0);
+    ASSERT_NE(resolved.list, nullptr);
+    ASSERT_EQ(resolved.list->ai_family, AF_INET);
+    EXPECT_EQ(reinterpret_cast<const sockaddr_in*>(resolved.list->ai_addr)->sin_addr.s_addr,
+              htonl(INADDR_LOOPBACK));
+}
+
+TEST(NetResolveAny, SetPortReachesEveryAddress) {
+    net::ResolvedList first = net::resolve_any("::1", kList, nullptr);
+    net::ResolvedList second = net::resolve_any("127.0.0.1", kList, nullptr);
+    ASSERT_EQ(first.error, 0);
+    ASSERT_EQ(second.error, 0);
+    first.list->ai_next = second.list.get();
+    net::set_port(first.list.get(), htons(2525));
+    EXPECT_EQ(reinterpret_cast<sockaddr_in6*>(first.list->ai_addr)->sin6_port, htons(2525));
+    EXPECT_EQ(reinterpret_cast<sockaddr_in*>(second.list->ai_addr)->sin_port, htons(2525));
+    first.list->ai_next = nullptr;  // each list frees its own
+}
+
+// Two addresses by hand, as a name with two entries resolves: the first one
+// at a port that refuses, the second one at port `second`.
+struct TwoAddresses {
+    TwoAddresses(uint16_t refusing, uint16_t second) {
+        a = loopback(refusing);
+        b = loopback(second);
+        entries[0].ai_family = AF_INET;
+        entries[0].ai_socktype = SOCK_STREAM;
+        entries[0].ai_addr = reinterpret_cast<sockaddr*>(&a);
+        entries[0].ai_addrlen = sizeof a;
+        entries[0].ai_next = &entries[1];
+        entries[1] = entries[0];
+        entries[1].ai_addr = reinterpret_cast<sockaddr*>(&b);
+        entries[1].ai_next = nullptr;
+    }
+    sockaddr_in a{};
+    sockaddr_in b{};
+    addrinfo entries[2]{};
+};
+
+TEST(NetConnectAny, TheNextAddressIsTriedAtOnceWhenTheFirstRefuses) {
+    RefusedPort refused;
+    ScriptServer server(Script().send("hello\n"));
+    const TwoAddresses two(refused.port(), server.port());
+    TraceCapture trace("net_any_next");
+    const net::AnyConnection outcome =
+        net::connect_any(two.entries, kCodes, "T_trying", trace.handle());
+    ASSERT_GE(outcome.connection.sock, 0);
+    EXPECT_EQ(outcome.connection.failed, net::Failed::Nothing);
+    ASSERT_EQ(outcome.peer_length, sizeof(sockaddr_in));
+    EXPECT_EQ(reinterpret_cast<const sockaddr_in*>(&outcome.peer)->sin_port, htons(server.port()));
+    ASSERT_TRUE(server.wait_done());
+    ::close(outcome.connection.sock);
+    const std::vector<std::string> codes = trace.codes();
+    EXPECT_EQ(count_of(codes, "T_trying"), 2);
+    EXPECT_EQ(count_of(codes, "T_failed"), 1);
+    EXPECT_EQ(count_of(codes, "T_retry"), 0) << "no pause before the second address";
+}
+
+TEST(NetConnectAny, ARoundOfRefusalsIsRetriedTheGivenNumberOfTimes) {
+    RefusedPort first;
+    RefusedPort second;
+    const TwoAddresses two(first.port(), second.port());
+    TraceCapture trace("net_any_refused");
+    const net::AnyConnection outcome =
+        net::connect_any(two.entries, kCodes, "T_trying", trace.handle());
+    EXPECT_EQ(outcome.connection.sock, -1);
+    EXPECT_EQ(outcome.connection.failed, net::Failed::Connect);
+    EXPECT_EQ(outcome.connection.error, ECONNREFUSED);
+    const std::vector<std::string> codes = trace.codes();
+    EXPECT_EQ(count_of(codes, "T_trying"), 4);
+    EXPECT_EQ(count_of(codes, "T_failed"), 4);
+    EXPECT_EQ(count_of(codes, "T_retry"), 1);
+}
+
+TEST(NetConnectAny, ConnectsToAnIpv6Peer) {
+    if (!kemail_test::has_ipv6_loopback()) GTEST_SKIP() << "lo has no ::1 on this host";
+    ScriptServer server(Script().send("hello\n"), kemail_test::Loopback::Ipv6);
+    net::ResolvedList resolved = net::resolve_any("::1", kList, nullptr);
+    ASSERT_EQ(resolved.error, 0);
+    net::set_port(resolved.list.get(), htons(server.port()));
+    const net::AnyConnection outcome =
+        net::connect_any(resolved.list.get(), kCodes, "T_trying", nullptr);
+    ASSERT_GE(outcome.connection.sock, 0);
+    EXPECT_EQ(outcome.peer.ss_family, AF_INET6);
+    char line[16] = {};
+    EXPECT_EQ(::recv(outcome.connection.sock, line, sizeof line - 1, 0), 6);
+    EXPECT_STREQ(line, "hello\n");
+    ::close(outcome.connection.sock);
+    ASSERT_TRUE(server.wait_done());
+}
+
 }  // namespace

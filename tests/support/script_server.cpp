@@ -26,6 +26,24 @@ constexpr int kDefaultBoundMs = 10000;
     std::abort();
 }
 
+// A socket bound to [::1] on an ephemeral port, listening.
+int bound_ipv6_socket(uint16_t* port) {
+    int fd = ::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) die("socket");
+    int on = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+    sockaddr_in6 addr{};
+    addr.sin6_family = AF_INET6;
+    addr.sin6_addr = in6addr_loopback;
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) die("bind");
+    if (::listen(fd, 16) != 0) die("listen");
+    socklen_t len = sizeof addr;
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) die("getsockname");
+    *port = ntohs(addr.sin6_port);
+    return fd;
+}
+
 // A socket bound to 127.0.0.1 on an ephemeral port; listening when asked.
 int bound_socket(uint16_t* port, bool listening) {
     int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -134,8 +152,19 @@ Script& Script::bound_ms(int ms) {
 
 // ---------------------------------------------------------------- ScriptServer
 
-ScriptServer::ScriptServer(Script script) {
-    listen_fd_ = bound_socket(&port_, true);
+bool has_ipv6_loopback() {
+    const int fd = ::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return false;
+    sockaddr_in6 addr{};
+    addr.sin6_family = AF_INET6;
+    addr.sin6_addr = in6addr_loopback;
+    const bool bound = ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    ::close(fd);
+    return bound;
+}
+
+ScriptServer::ScriptServer(Script script, Loopback where) {
+    listen_fd_ = where == Loopback::Ipv6 ? bound_ipv6_socket(&port_) : bound_socket(&port_, true);
     make_wake_pipe(wake_);
     make_wake_pipe(silence_);
     thread_ = std::thread(&ScriptServer::run, this, std::move(script));

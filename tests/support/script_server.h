@@ -89,11 +89,18 @@ private:
     std::vector<Step> steps_;
 };
 
+// Where a scripted server listens.
+enum class Loopback { Ipv4, Ipv6 };
+
+// True when a socket can be bound to [::1] (lo has an IPv6 address).
+bool has_ipv6_loopback();
+
 class ScriptServer {
 public:
     // Binds and listens at once (port() is valid on return), then plays the
     // script in its own thread. Aborts the test program if it cannot listen.
-    explicit ScriptServer(Script script);
+    // 127.0.0.1 unless [::1] is asked for.
+    explicit ScriptServer(Script script, Loopback where = Loopback::Ipv4);
     ~ScriptServer();
     ScriptServer(const ScriptServer&) = delete;
     ScriptServer& operator=(const ScriptServer&) = delete;
