@@ -165,7 +165,7 @@ KEMAIL_API int ZvKe_SendEMailPartial_parts(unsigned int ulReserved, MailAddressI
  * TLS_VERIFY (0, 1), TLS_CA_FILE, TLS_SERVER_NAME, POP_TLS (none, stls,
  * pop3s), ADDRESS_FAMILY (ipv4, any), PIPELINING (0, 1). This version has
  * none of them yet: every key answers -1, so that a caller who asks for TLS
- * learns it is not there instead of sending in clear. */
+ * learns it is not there instead of sending in clear. PIPELINING is taken. */
 KEMAIL_API int ZvKe_SetOption(const char* key, const char* value) KEMAIL_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */

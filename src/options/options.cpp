@@ -38,7 +38,7 @@ constexpr KeyName kKeys[kKeyCount] = {
     {Key::InputCharset, "INPUT_CHARSET", false},    {Key::Tls, "TLS", false},
     {Key::TlsVerify, "TLS_VERIFY", false},          {Key::TlsCaFile, "TLS_CA_FILE", false},
     {Key::TlsServerName, "TLS_SERVER_NAME", false}, {Key::PopTls, "POP_TLS", false},
-    {Key::AddressFamily, "ADDRESS_FAMILY", false},  {Key::Pipelining, "PIPELINING", false},
+    {Key::AddressFamily, "ADDRESS_FAMILY", false},  {Key::Pipelining, "PIPELINING", true},
 };
 
 // A key's value as given: the text of the longest accepted value, a path.

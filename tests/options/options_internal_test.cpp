@@ -145,7 +145,7 @@ TEST_F(Options, AMissingFileClearsWhatAnEarlierFileGave) {
 TEST(OptionsAvailable, KeysWithoutTheirBehaviourAreRefused) {
     kemail::options::reset();
     for (const char* key : {"TLS", "TLS_VERIFY", "TLS_CA_FILE", "TLS_SERVER_NAME", "POP_TLS",
-                            "ADDRESS_FAMILY", "PIPELINING", "INPUT_CHARSET"}) {
+                            "ADDRESS_FAMILY", "INPUT_CHARSET"}) {
         EXPECT_EQ(ZvKe_SetOption(key, "1"), -1) << key;
         EXPECT_EQ(ZvKe_SetOption(key, nullptr), -1) << key;
     }
@@ -159,6 +159,18 @@ TEST(OptionsAvailable, KeysWithoutTheirBehaviourAreRefused) {
     const Settings s = current();
     EXPECT_EQ(s.tls, SmtpTls::None);
     EXPECT_EQ(s.input_charset, InputCharset::Locale);
+}
+
+TEST(OptionsAvailable, PipeliningIsTaken) {
+    kemail::options::reset();
+    EXPECT_EQ(ZvKe_SetOption("PIPELINING", "1"), 0);
+    EXPECT_TRUE(current().pipelining);
+    EXPECT_EQ(ZvKe_SetOption("PIPELINING", "0"), 0);
+    EXPECT_FALSE(current().pipelining);
+    EXPECT_EQ(ZvKe_SetOption("PIPELINING", "2"), -1);
+    EXPECT_FALSE(current().pipelining);
+    EXPECT_EQ(ZvKe_SetOption("PIPELINING", nullptr), 0);
+    kemail::options::reset();
 }
 
 }  // namespace
