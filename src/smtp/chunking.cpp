@@ -212,22 +212,27 @@ size_t lines_in_memory(const char* src, size_t avail, size_t room, int count,
     return taken;
 }
 
-// The rest of a full chunk from a file that can seek: the whole reserve is
-// read at once, the cut is found in memory by the same rules, and what lies
-// beyond it is given back to the file.
-int extend_in_memory(int lFile, char* pBuf, int lSizeKb, const char* pszBoundary,
-                     unsigned int* pulErr) {
+// The chunk from a file that can seek: everything the cut may take (the
+// buffer less its NUL) is read at once, the cut is found in memory by the
+// same rules, and what lies beyond it is given back to the file.
+int cut_in_memory(int lFile, char* pBuf, int lSizeKb, const char* pszBoundary,
+                  unsigned int* pulErr) {
     const size_t capacity = static_cast<size_t>(lSizeKb) * 1024;
     const size_t limit = capacity - 1;  // room for the NUL
     const size_t wanted = capacity - 1024;
 
-    const ssize_t reserve = read_fully(lFile, pBuf + wanted, limit - wanted);
-    if (reserve < 0) {
+    const ssize_t read_count = read_fully(lFile, pBuf, limit);
+    if (read_count < 0) {
         *pulErr = static_cast<unsigned int>(errno);
-        trace_word(g_trace, 0, "smtp1020", *pulErr);
+        trace_word(g_trace, 0, "smtp1010", *pulErr);
         return kFileError;
     }
-    const size_t got = wanted + static_cast<size_t>(reserve);
+    const size_t got = static_cast<size_t>(read_count);
+    if (got < wanted) {
+        trace(g_trace, 2, "smtp1011");
+        pBuf[got] = '\0';
+        return static_cast<int>(got);
+    }
     auto finish = [&](size_t length) {
         if (got > length && lseek(lFile, -static_cast<off_t>(got - length), SEEK_CUR) < 0) {
             *pulErr = static_cast<unsigned int>(errno);
@@ -271,27 +276,30 @@ KEMAIL_API int SMTP_getSendData(int lFile, char* pBuf, int lSizeKb, const char* 
         trace_word(g_trace, 0, "smtp1010", *pulErr);
         return kFileError;
     }
-    const size_t wanted = static_cast<size_t>(lSizeKb - 1) * 1024;
-    const ssize_t got = read_fully(lFile, pBuf, wanted);
-    if (got < 0) {
-        *pulErr = static_cast<unsigned int>(errno);
-        trace_word(g_trace, 0, "smtp1010", *pulErr);
-        return kFileError;
-    }
-    if (static_cast<size_t>(got) < wanted) {
-        trace(g_trace, 2, "smtp1011");
-        pBuf[got] = '\0';
-        return static_cast<int>(got);
-    }
     // A file that cannot seek could not take back what was read beyond the
-    // cut: it is read as the cut needs it.
+    // cut: it is read as the cut needs it. A descriptor that cannot be
+    // asked fails as its read would.
     if (lseek(lFile, 0, SEEK_CUR) < 0) {
-        if (errno == ESPIPE) return extend_by_reading(lFile, pBuf, lSizeKb, pszBoundary, pulErr);
-        *pulErr = static_cast<unsigned int>(errno);
-        trace_word(g_trace, 0, "smtp1020", *pulErr);
-        return kFileError;
+        if (errno != ESPIPE) {
+            *pulErr = static_cast<unsigned int>(errno);
+            trace_word(g_trace, 0, "smtp1010", *pulErr);
+            return kFileError;
+        }
+        const size_t wanted = static_cast<size_t>(lSizeKb - 1) * 1024;
+        const ssize_t got = read_fully(lFile, pBuf, wanted);
+        if (got < 0) {
+            *pulErr = static_cast<unsigned int>(errno);
+            trace_word(g_trace, 0, "smtp1010", *pulErr);
+            return kFileError;
+        }
+        if (static_cast<size_t>(got) < wanted) {
+            trace(g_trace, 2, "smtp1011");
+            pBuf[got] = '\0';
+            return static_cast<int>(got);
+        }
+        return extend_by_reading(lFile, pBuf, lSizeKb, pszBoundary, pulErr);
     }
-    return extend_in_memory(lFile, pBuf, lSizeKb, pszBoundary, pulErr);
+    return cut_in_memory(lFile, pBuf, lSizeKb, pszBoundary, pulErr);
 }
 
 // The line that ends just before lEnd: back to the byte after the previous
