@@ -160,10 +160,9 @@ KEMAIL_API int ZvKe_SendEMailPartial_parts(unsigned int ulReserved, MailAddressI
 
 /* Sets one setting beyond the designed behaviour for this process, taking
  * precedence over section KEMAIL of kemail.ini; a null value removes the
- * override. Returns 0, or -1 for an unknown key, a key whose behaviour this
- * version does not have, or a value it does not accept (nothing changes
- * then), so that a caller who asks for TLS from a version without it learns
- * so instead of sending in clear. Keys taken:
+ * override. Returns 0, or -1 for an unknown key or a value it does not
+ * accept (nothing changes then), so that a caller who asks for TLS from a
+ * version without it learns so instead of sending in clear. Keys taken:
  *   INPUT_CHARSET (UTF-8): subject, text and attachment names are UTF-8
  *   TLS (none, starttls, smtps)
  *   TLS_VERIFY (0, 1)
@@ -171,8 +170,8 @@ KEMAIL_API int ZvKe_SendEMailPartial_parts(unsigned int ulReserved, MailAddressI
  *   TLS_SERVER_NAME (the host name to verify and send as SNI)
  *   POP_TLS (none, stls, pop3s)
  *   ADDRESS_FAMILY (ipv4, any): any resolves SMTP and POP3 servers to IPv6 and IPv4
- * Keys planned, answering -1 in this version:
- *   PIPELINING (0, 1) */
+ *   PIPELINING (0, 1): 1 pipelines the mail transaction (RFC 2920) when the
+ *     server announces it */
 KEMAIL_API int ZvKe_SetOption(const char* key, const char* value) KEMAIL_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */

@@ -26,19 +26,15 @@ enum class Key {
 };
 constexpr size_t kKeyCount = 8;
 
-// A key is taken, from the file or from ZvKe_SetOption, only once the
-// behaviour it switches on is in the library: a caller who asks for TLS from
-// a library without it must hear "not accepted", never get a send in clear.
 struct KeyName {
     Key key;
     const char* name;
-    bool available;
 };
 constexpr KeyName kKeys[kKeyCount] = {
-    {Key::InputCharset, "INPUT_CHARSET", true},    {Key::Tls, "TLS", true},
-    {Key::TlsVerify, "TLS_VERIFY", true},          {Key::TlsCaFile, "TLS_CA_FILE", true},
-    {Key::TlsServerName, "TLS_SERVER_NAME", true}, {Key::PopTls, "POP_TLS", true},
-    {Key::AddressFamily, "ADDRESS_FAMILY", true},  {Key::Pipelining, "PIPELINING", false},
+    {Key::InputCharset, "INPUT_CHARSET"},    {Key::Tls, "TLS"},
+    {Key::TlsVerify, "TLS_VERIFY"},          {Key::TlsCaFile, "TLS_CA_FILE"},
+    {Key::TlsServerName, "TLS_SERVER_NAME"}, {Key::PopTls, "POP_TLS"},
+    {Key::AddressFamily, "ADDRESS_FAMILY"},  {Key::Pipelining, "PIPELINING"},
 };
 
 // A key's value as given: the text of the longest accepted value, a path.
@@ -55,15 +51,10 @@ pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
 Layer g_overrides;
 Layer g_file;
 
-// Set only by the tests of the keys whose behaviour is still to come.
-bool g_every_key_for_tests = false;
-
-bool taken(const KeyName& entry) { return entry.available || g_every_key_for_tests; }
-
 bool find_key(const char* name, Key& key) {
     if (name == nullptr) return false;
     for (const KeyName& entry : kKeys) {
-        if (taken(entry) && std::strcmp(entry.name, name) == 0) {
+        if (std::strcmp(entry.name, name) == 0) {
             key = entry.key;
             return true;
         }
@@ -166,7 +157,6 @@ void load_from_profile(ProfileHandle* profile) noexcept {
     Layer loaded;
     if (profile != nullptr) {
         for (const KeyName& entry : kKeys) {
-            if (!taken(entry)) continue;
             char value[kCaFileSize] = "";
             Com_GetPrivateProfileString(profile, "KEMAIL", entry.name, "", value, sizeof value);
             if (value[0] != '\0' && acceptable(entry.key, value)) {
@@ -194,8 +184,6 @@ Settings current() noexcept {
     }
     return settings;
 }
-
-void take_every_key_for_tests(bool on) noexcept { g_every_key_for_tests = on; }
 
 void reset() noexcept {
     const MutexLock guard(g_lock);

@@ -7,8 +7,7 @@
 // request checks, since the subject and text limits count the converted
 // bytes; the layers below ask current() for the merged view.
 // A value the file gives that is not accepted counts as absent, the way the
-// designed keys fall back to their defaults. A key whose behaviour is not in
-// the library yet is neither read nor accepted.
+// designed keys fall back to their defaults.
 #pragma once
 
 #include "kemail.h"
@@ -58,9 +57,5 @@ Settings current() noexcept;
 
 // Forgets every override and every value read from the file.
 void reset() noexcept;
-
-// Only keys whose behaviour the library has are taken; tests of the others'
-// parsing turn this on.
-void take_every_key_for_tests(bool on) noexcept;
 
 }  // namespace kemail::options

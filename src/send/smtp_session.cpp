@@ -30,6 +30,9 @@ struct Session {
     // The initialisation result until the first MAIL of the session has been
     // accepted: a refusal before that may be the missing authentication.
     int auth_memory = 0;
+    // MAIL FROM, RCPT TO and DATA go out as one group (the PIPELINING
+    // setting, and the server announced it).
+    bool pipelining = false;
 };
 
 void end_marker() {
@@ -109,9 +112,18 @@ int send_whole(Session& s) {
                                                   .reply = "EMAILAPI0165",
                                                   .rewrite = {"EMAILAPI0166", "EMAILAPI0167"}};
     const SendPlan& plan = s.plan;
-    int rc = SMTP_MAIL(s.socket.get(), plan.from, plan.to, &s.status);
-    if (rc < 0) return mail_failed(s, rc, kMailFailed);
-    rc = SMTP_startData(s.socket.get(), &s.status);
+    smtp::GroupStage stage = smtp::GroupStage::Mail;
+    int rc = s.pipelining
+                 ? smtp::mail_group(s.socket.get(), false, plan.from, plan.to, &s.status, &stage)
+                 : smtp::kNotGrouped;
+    if (rc == smtp::kNotGrouped) {
+        rc = SMTP_MAIL(s.socket.get(), plan.from, plan.to, &s.status);
+        if (rc >= 0) {
+            stage = smtp::GroupStage::Data;
+            rc = SMTP_startData(s.socket.get(), &s.status);
+        }
+    }
+    if (rc < 0 && stage == smtp::GroupStage::Mail) return mail_failed(s, rc, kMailFailed);
     if (rc < 0) {
         trace_code_socket(s, "EMAILAPI0170", "EMAILAPI0171", rc);
         trace_word(g_trace, 0, "EMAILAPI0172", s.status);
@@ -161,11 +173,23 @@ int send_pieces(Session& s) {
         s.status = static_cast<unsigned>(GetErrorCode());
         return step_failed(s, -32, kNumberOnWorkFile, nullptr);
     }
+    // With pipelining, the RSET that ends a piece goes out with the next
+    // piece's MAIL FROM.
+    bool rset_pending = false;
     for (int piece = 1; piece <= composed.piece_count; ++piece) {
-        int rc = SMTP_MAIL(s.socket.get(), plan.from, plan.to, &s.status);
-        if (rc < 0) return mail_failed(s, rc, kMailFailed);
+        smtp::GroupStage stage = smtp::GroupStage::Mail;
+        int rc = s.pipelining ? smtp::mail_group(s.socket.get(), rset_pending, plan.from, plan.to,
+                                                 &s.status, &stage)
+                              : smtp::kNotGrouped;
+        const bool grouped = rc != smtp::kNotGrouped;
+        if (!grouped) {
+            if (rset_pending) SMTP_RSET(s.socket.get(), &s.status);
+            rc = SMTP_MAIL(s.socket.get(), plan.from, plan.to, &s.status);
+        }
+        rset_pending = false;
+        if (rc < 0 && stage == smtp::GroupStage::Mail) return mail_failed(s, rc, kMailFailed);
         s.auth_memory = 0;
-        rc = SMTP_startData(s.socket.get(), &s.status);
+        if (!grouped) rc = SMTP_startData(s.socket.get(), &s.status);
         if (rc < 0) {
             trace_code_socket(s, "EMAILAPI0120", "EMAILAPI0121", rc);
             trace_word(g_trace, 0, "EMAILAPI0122", s.status);
@@ -204,7 +228,11 @@ int send_pieces(Session& s) {
             trace_word(g_trace, 0, "EMAILAPI0151", s.status);
             return step_failed(s, rc, kNumberOnSocket, "EMAILAPI0152");
         }
-        SMTP_RSET(s.socket.get(), &s.status);  // a refused RSET does not undo the piece
+        if (s.pipelining && piece < composed.piece_count) {
+            rset_pending = true;
+        } else {
+            SMTP_RSET(s.socket.get(), &s.status);  // a refused RSET does not undo the piece
+        }
     }
     trace(g_trace, 2, "EMAILAPI0155");
     return 0;
@@ -248,6 +276,7 @@ int run_session(const SendPlan& plan, ComposedMessage& composed, int warning) {
     }
     s.init_result = init;
     s.auth_memory = init;
+    s.pipelining = smtp::pipelining_wanted();
 
     const int sent = plan.split == 1 ? send_pieces(s) : send_whole(s);
     if (sent < 0) return sent;

@@ -37,11 +37,16 @@ void log_reply(const char* trace_code) {
 int exchange(int sock, int length, const ExchangeCodes& codes, unsigned int* pulErr,
              const char* logged) {
     if (codes.restarts_clock) SMTP_SetStartTime();
-    int result = SMTP_send(sock, s_szSendBuf, length, pulErr);
+    const int result = SMTP_send(sock, s_szSendBuf, length, pulErr);
     if (result != 0) {
         trace_word(g_trace, 0, codes.not_sent, *pulErr);
         return result;
     }
+    return exchange_after_send(sock, codes, pulErr, logged);
+}
+
+int exchange_after_send(int sock, const ExchangeCodes& codes, unsigned int* pulErr,
+                        const char* logged) {
     MailLogWrite(g_pLogHandle, KEMAIL_LOG_SENT, logged ? logged : s_szSendBuf);
     if (codes.sent) {
         if (codes.sent_length > 0) {
@@ -52,7 +57,7 @@ int exchange(int sock, int length, const ExchangeCodes& codes, unsigned int* pul
     }
     if (!codes.reply) return 0;
 
-    result = SMTP_returnMessage(sock, s_szRecvBuf, KEMAIL_RECV_BUF_SIZE, pulErr);
+    const int result = SMTP_returnMessage(sock, s_szRecvBuf, KEMAIL_RECV_BUF_SIZE, pulErr);
     if (result != 0) {
         if (!codes.no_reply) return 0;
         trace_word(g_trace, 0, codes.no_reply, *pulErr);

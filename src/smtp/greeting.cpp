@@ -127,6 +127,7 @@ KEMAIL_API int SMTP_readEhloReply(int lSock, char* pszCapability, unsigned int* 
                 return 0;
             }
             trace(g_trace, 0, "AUTHR0025");
+            s_ehlo_extensions = 0;  // the session goes on with HELO
             return 1;
         }
         // Kept: every continuation line gets the whole time-out again, and

@@ -107,6 +107,63 @@ struct ExchangeCodes {
 int exchange(int sock, int length, const ExchangeCodes& codes, unsigned int* pulErr,
              const char* logged = nullptr);
 
+// The rest of an exchange once its line (in s_szSendBuf) has gone out:
+// logged as sent, reply read, logged and judged, with exchange's results.
+int exchange_after_send(int sock, const ExchangeCodes& codes, unsigned int* pulErr,
+                        const char* logged = nullptr);
+
+// Sends `length` bytes as the designed transfer loop sends a file: in
+// chunks of `chunk` bytes, each one's phase clock restarted (SMTP_SetStartTime)
+// and each one traced whole (smtp0e00) before it is due, each with its own
+// retry counts, but handed to the socket in as few writes as it will take.
+// Results, error words, mail-log lines and trace records are those of
+// calling SMTP_SetStartTime and SMTP_send once per chunk; *last_chunk gets the
+// offset of the last chunk begun (the one that failed, on a failure).
+int send_in_chunks(int sock, const char* data, size_t length, size_t chunk, unsigned int* pulErr,
+                   size_t* last_chunk);
+
+// How a write that did not take every byte ended: SMTP_send's result and
+// what it logs and traces for it.
+struct SendFailure {
+    int result = 0;              // kSendFailed or kTimedOut; 0 when all went out
+    int call_result = 0;         // the failing send's own result
+    int error = 0;               // its errno
+    bool sets_word = false;      // the error word takes `error` (not after a short send)
+    const char* code = nullptr;  // "smtp0e05", "smtp0e03", "smtp0e10"; none for a time-out
+};
+
+// Writes the bytes with SMTP_send's rules (short sends go on with a time-out
+// check, six zero-length or six interrupted sends fail) but without its
+// trace and log; the count written, all of it unless *failure says why not.
+size_t write_quietly(int sock, const char* data, size_t length, SendFailure* failure);
+
+// What SMTP_send writes to the mail log and trace for the failure; stores
+// the error word as it would and returns its result.
+int report_send_failure(const SendFailure& failure, unsigned int* pulErr);
+
+// True when the session should pipeline its transaction commands: the
+// PIPELINING setting is on and the last EHLO reply announced it.
+bool pipelining_wanted() noexcept;
+
+// Which command of the driver's sequence a pipelined group's result is for.
+enum class GroupStage { Mail, Data };
+
+// Returned by mail_group when the commands cannot be formed as a group (a
+// line too long for its buffer): nothing was sent or traced.
+constexpr int kNotGrouped = 1;
+
+// RSET first when asked, MAIL FROM, one RCPT TO per piece of the list and
+// DATA, written together (RFC 2920), their replies then read, logged and
+// judged one by one in order, with the records SMTP_RSET, SMTP_MAIL and
+// SMTP_startData write (the RSET's result is not judged, as the driver does
+// not judge it). 0 when DATA got its go-ahead; otherwise the result of the
+// first command that failed or was refused, *stage telling whether SMTP_MAIL
+// or SMTP_startData would have given it. After a failure the replies of the
+// later commands stay unread and nothing more may be sent in the session: the
+// server may be waiting for the message, which must then never come.
+int mail_group(int sock, bool rset_first, const char* from, const char* to, unsigned int* pulErr,
+               GroupStage* stage);
+
 // Service extensions (RFC 1869) the last EHLO reply announced, besides AUTH
 // whose line is kept whole for the mechanisms. Only the settings beyond the
 // designed dialogue look at them.

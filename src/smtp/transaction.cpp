@@ -4,8 +4,10 @@
 #include "log/trace_record.h"
 #include "smtp/smtp.h"
 #include "smtp/smtp_buffers.h"
+#include "smtp/transaction_codes.h"
 #include "util/util.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -25,35 +27,6 @@ namespace {
 constexpr size_t kRecipientSize = 304;
 constexpr unsigned int kQuitTimeOut = 300;
 
-// Kept: a refused sender is traced (smtp0160) at level 2, not 0 (dialogue
-// smtp-mail-refused-sender-gives-minus-22).
-constexpr ExchangeCodes kMailFrom{.not_sent = "smtp0145",
-                                  .sent = "smtp0148",
-                                  .no_reply = "smtp0150",
-                                  .reply = "smtp0155",
-                                  .expect = '2',
-                                  .refused = "smtp0160",
-                                  .refused_level = 2,
-                                  .refused_result = kMailRefused};
-constexpr ExchangeCodes kRcptTo{.not_sent = "smtp0165",
-                                .sent = "smtp0167",
-                                .no_reply = "smtp0170",
-                                .reply = "smtp0185",
-                                .expect = '2',
-                                .refused = "smtp0190",
-                                .refused_result = kRcptRefused};
-// Kept: the sent trace carries the command and its NUL (dialogue
-// smtp-data-answered-250-gives-minus-24).
-constexpr ExchangeCodes kData{.not_sent = "smtp0205",
-                              .sent = "smtp0208",
-                              .sent_length = 7,
-                              .no_reply = "smtp0210",
-                              .reply = "smtp0215",
-                              .expect = '3',
-                              .accepted = "smtp02FF",
-                              .refused = "smtp0220",
-                              .refused_word = true,
-                              .refused_result = kDataRefused};
 // Kept: the mark's sent trace is written at level 0 and carries the mark and
 // its NUL (test Transaction.TheStagedFileGoesOutAsItIsAndTheMarkEndsIt).
 constexpr ExchangeCodes kEndOfData{.not_sent = "smtp0405",
@@ -67,18 +40,41 @@ constexpr ExchangeCodes kEndOfData{.not_sent = "smtp0405",
                                    .refused = "smtp0420",
                                    .refused_word = true,
                                    .refused_result = kMessageRefused};
-// Keeps the current phase's time-out; only the clock restarts.
-constexpr ExchangeCodes kRset{.restarts_clock = true,
-                              .not_sent = "RSET0005",
-                              .no_reply = "RSET0010",
-                              .reply = "RSET0015",
-                              .expect = '2',
-                              .accepted = "RSETFFFF",
-                              .refused = "RSET0020",
-                              .refused_result = kRsetRefused};
 // No no-reply code: the reply to QUIT is read but neither required nor judged.
 constexpr ExchangeCodes kQuit{
     .not_sent = "smtp0410-2", .sent = "smtp0420-2", .sent_length = 7, .reply = "smtp0430-2"};
+
+// The transfer block: 255 chunks of 1028 bytes (just under 256 KiB), few
+// enough system calls for a large message, little enough memory. Static:
+// one session runs at a time, and a send must not fail for want of memory.
+char s_transferBlock[255 * KEMAIL_RECV_BUF_SIZE];
+
+// Fills buf from the file as far as it goes: the count read, short only at
+// the end of the file or on a read error (its errno in *error, else 0).
+size_t read_block(int fd, char* buf, size_t size, int* error) {
+    size_t got = 0;
+    *error = 0;
+    while (got < size) {
+        const ssize_t n = read(fd, buf + got, size - got);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            *error = errno;
+            break;
+        }
+        if (n == 0) break;
+        got += static_cast<size_t>(n);
+    }
+    return got;
+}
+
+// Reading chunk after chunk into s_szRecvBuf leaves there the last chunk
+// read, over what is left of the one before it when the last is shorter.
+void leave_last_chunk(const char* block, size_t length, size_t last) {
+    const size_t n = std::min<size_t>(KEMAIL_RECV_BUF_SIZE, length - last);
+    if (n < KEMAIL_RECV_BUF_SIZE && last >= KEMAIL_RECV_BUF_SIZE)
+        std::memcpy(s_szRecvBuf, block + last - KEMAIL_RECV_BUF_SIZE, KEMAIL_RECV_BUF_SIZE);
+    std::memcpy(s_szRecvBuf, block + last, n);
+}
 
 void start_phase(unsigned int seconds) {
     SMTP_SetTimeOut(seconds);
@@ -146,8 +142,10 @@ KEMAIL_API int SMTP_startData(int lSock, unsigned int* pulErr) noexcept {
 }
 
 // Sends the staged message file exactly as it is (staging did the
-// dot-stuffing), 1028 bytes a time through s_szRecvBuf; every chunk gets the
-// whole data time-out.
+// dot-stuffing), as 1028-byte chunks each with the whole data time-out and
+// its own trace record. The file is read and handed to the socket a block
+// of whole chunks at a time; s_szRecvBuf is left holding what reading the
+// file chunk by chunk through it would leave there.
 KEMAIL_API int SMTP_sendData(int lSock, int lFile, unsigned int* pulErr) noexcept {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
@@ -160,24 +158,27 @@ KEMAIL_API int SMTP_sendData(int lSock, int lFile, unsigned int* pulErr) noexcep
     SMTP_SetTimeOut(g_stMailTimeout.ulDataBlock);
     const kemail::smtp::CorkedStream corked(lSock);
     for (;;) {
-        const ssize_t got = read(lFile, s_szRecvBuf, KEMAIL_RECV_BUF_SIZE);
-        if (got < 0) {
-            const int error = errno;
-            if (error == EINTR) continue;
-            *pulErr = static_cast<unsigned int>(error);
+        int read_error = 0;
+        const size_t got = read_block(lFile, s_transferBlock, sizeof s_transferBlock, &read_error);
+        if (got > 0) {
+            size_t last = 0;
+            const int result =
+                send_in_chunks(lSock, s_transferBlock, got, KEMAIL_RECV_BUF_SIZE, pulErr, &last);
+            leave_last_chunk(s_transferBlock, got, last);
+            if (result != 0) {
+                trace_word(g_trace, 0, "smtp0510", *pulErr);
+                return result;
+            }
+        }
+        if (read_error != 0) {
+            *pulErr = static_cast<unsigned int>(read_error);
             trace_word(g_trace, 0, "smtp0505", *pulErr);
             return kFileError;
         }
-        if (got == 0) {
+        if (got < sizeof s_transferBlock) {
             trace(g_trace, 2, "smtp0506");
             trace(g_trace, 1, "smtp05FF");
             return 0;
-        }
-        SMTP_SetStartTime();
-        const int result = SMTP_send(lSock, s_szRecvBuf, static_cast<int>(got), pulErr);
-        if (result != 0) {
-            trace_word(g_trace, 0, "smtp0510", *pulErr);
-            return result;
         }
     }
 }

@@ -8,6 +8,7 @@
 #include "smtp/smtp_buffers.h"
 #include "util/util.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -42,7 +43,135 @@ public:
     }
 };
 
+// The mail-log line of a send that ran out of its phase.
+int send_timed_out(int over) {
+    MailLogTimeOutWrite(g_pLogHandle, static_cast<int>(g_ulTimeOut), 1, "send");
+    return over;
+}
+
 }  // namespace
+
+namespace kemail::smtp {
+
+// The socket takes as much as it will of the whole rest at each write; what
+// the designed loop would have done chunk by chunk is done as the write's
+// progress passes each chunk's start: the chunk's clock restart and its
+// trace record, and fresh retry counts. A write that ends inside a chunk is
+// a short send of that chunk (time-out check); one that ends on a chunk's
+// end completed it (none).
+int send_in_chunks(int sock, const char* data, size_t length, size_t chunk, unsigned int* pulErr,
+                   size_t* last_chunk) {
+    unsigned int scratch = 0;
+    if (!pulErr) pulErr = &scratch;
+    size_t last_scratch = 0;
+    if (!last_chunk) last_chunk = &last_scratch;
+    *last_chunk = 0;
+    if (!data || length == 0) return 0;
+    if (chunk == 0) chunk = length;
+
+    size_t sent = 0;       // bytes the socket took
+    size_t begun_end = 0;  // end of the last chunk begun
+    int zero_sends = 0;
+    int interrupted = 0;
+    auto begin_chunk = [&] {
+        const size_t start = begun_end;
+        const size_t n = std::min(chunk, length - start);
+        SMTP_SetStartTime();
+        trace_data(g_trace, 0, "smtp0e00", data + start, n);
+        *last_chunk = start;
+        begun_end = start + n;
+        zero_sends = 0;
+        interrupted = 0;
+    };
+    for (;;) {
+        if (sent == begun_end) begin_chunk();
+        const ssize_t result = kemail::net::stream_send(sock, data + sent, length - sent);
+        if (result > 0) {
+            sent += static_cast<size_t>(result);
+            if (sent >= begun_end) *pulErr = 0;
+            while (begun_end < sent) begin_chunk();
+            if (sent == length) {
+                *pulErr = 0;
+                return 0;
+            }
+            if (sent < begun_end) {
+                const int over = SMTP_CheckOverTimeOut();
+                if (over < 0) return send_timed_out(over);
+            }
+            continue;
+        }
+        const int error = errno;
+        *pulErr = static_cast<unsigned int>(error);
+        if (result == 0) {
+            const int over = SMTP_CheckOverTimeOut();
+            if (over < 0) return send_timed_out(over);
+            if (++zero_sends <= kMaxRetries) continue;
+            MailLogSysErrWrite(g_pLogHandle, "send", 0, static_cast<long>(*pulErr), nullptr);
+            trace(g_trace, 0, "smtp0e10");
+            return kSendFailed;
+        }
+        if (error != EINTR) {
+            MailLogSysErrWrite(g_pLogHandle, "send", static_cast<int>(result), error, nullptr);
+            trace_word(g_trace, 0, "smtp0e05", static_cast<uint32_t>(error));
+            return kSendFailed;
+        }
+        if (++interrupted <= kMaxRetries) continue;
+        MailLogSysErrWrite(g_pLogHandle, "send", static_cast<int>(result), error, nullptr);
+        trace_word(g_trace, 0, "smtp0e03", static_cast<uint32_t>(error));
+        return kSendFailed;
+    }
+}
+
+size_t write_quietly(int sock, const char* data, size_t length, SendFailure* failure) {
+    *failure = SendFailure{};
+    size_t sent = 0;
+    int zero_sends = 0;
+    int interrupted = 0;
+    while (sent < length) {
+        const ssize_t result = kemail::net::stream_send(sock, data + sent, length - sent);
+        if (result > 0) {
+            sent += static_cast<size_t>(result);
+            if (sent < length && SMTP_CheckOverTimeOut() < 0) {
+                failure->result = kTimedOut;
+                return sent;
+            }
+            continue;
+        }
+        const int error = errno;
+        failure->call_result = static_cast<int>(result);
+        failure->error = error;
+        failure->sets_word = true;
+        if (result == 0) {
+            if (SMTP_CheckOverTimeOut() < 0) {
+                failure->result = kTimedOut;
+                return sent;
+            }
+            if (++zero_sends <= kMaxRetries) continue;
+            failure->result = kSendFailed;
+            failure->code = "smtp0e10";
+            return sent;
+        }
+        if (error == EINTR && ++interrupted <= kMaxRetries) continue;
+        failure->result = kSendFailed;
+        failure->code = error == EINTR ? "smtp0e03" : "smtp0e05";
+        return sent;
+    }
+    return sent;
+}
+
+int report_send_failure(const SendFailure& failure, unsigned int* pulErr) {
+    if (failure.sets_word) *pulErr = static_cast<unsigned int>(failure.error);
+    if (failure.result == kTimedOut) return send_timed_out(kTimedOut);
+    MailLogSysErrWrite(g_pLogHandle, "send", failure.call_result, failure.error, nullptr);
+    if (failure.call_result == 0) {
+        trace(g_trace, 0, failure.code);
+    } else {
+        trace_word(g_trace, 0, failure.code, static_cast<uint32_t>(failure.error));
+    }
+    return failure.result;
+}
+
+}  // namespace kemail::smtp
 
 extern "C" {
 
