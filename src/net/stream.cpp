@@ -2,6 +2,9 @@
 
 #include "tls/channel.h"
 
+#include <cerrno>
+
+#include <sys/select.h>
 #include <sys/socket.h>
 
 namespace kemail::net {
@@ -12,6 +15,39 @@ ssize_t stream_send(int sock, const char* data, size_t length) {
     if (tls::TlsSession* session = tls::session_for(sock))
         return session->send(data, length, session->time_left());
     return ::send(sock, data, length, MSG_NOSIGNAL);
+}
+
+ssize_t stream_send_bounded(int sock, const char* data, size_t length,
+                            void (*compute_wait)(struct timeval*), bool* waited_out) {
+    *waited_out = false;
+    if (tls::TlsSession* session = tls::session_for(sock))
+        return session->send(data, length, session->time_left());
+    // A socket select cannot watch is written as it always was.
+    if (sock < 0 || sock >= FD_SETSIZE) return ::send(sock, data, length, MSG_NOSIGNAL);
+    size_t sent = 0;
+    for (;;) {
+        const ssize_t n = ::send(sock, data + sent, length - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n >= 0) {
+            sent += static_cast<size_t>(n);
+            if (sent == length || n == 0) return static_cast<ssize_t>(sent);
+            continue;
+        }
+        if (errno != EAGAIN && errno != EWOULDBLOCK) {
+            return sent > 0 ? static_cast<ssize_t>(sent) : -1;
+        }
+        struct timeval wait;
+        compute_wait(&wait);
+        fd_set writable;
+        FD_ZERO(&writable);
+        FD_SET(sock, &writable);
+        const int ready = ::select(sock + 1, nullptr, &writable, nullptr, &wait);
+        if (ready > 0) continue;
+        if (ready == 0) {
+            *waited_out = true;
+            errno = ETIMEDOUT;
+        }
+        return sent > 0 ? static_cast<ssize_t>(sent) : -1;
+    }
 }
 
 ssize_t stream_peek(int sock, char* buf, size_t length) {

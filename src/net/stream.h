@@ -5,6 +5,7 @@
 
 #include <cstddef>
 
+#include <sys/time.h>
 #include <sys/types.h>
 
 namespace kemail::net {
@@ -13,6 +14,15 @@ namespace kemail::net {
 // errno. A peer that has gone away gives EPIPE, never SIGPIPE. A TLS
 // session may gather short writes until the next wait for an answer.
 ssize_t stream_send(int sock, const char* data, size_t length);
+
+// Like stream_send, but never held for ever by a peer that takes nothing:
+// while the socket has no room, waits for it at most what compute_wait gives
+// (asked only then, each time). Writes all of the data unless the wait runs
+// out (or is interrupted): then the count written so far, or -1 (errno
+// ETIMEDOUT, or EINTR) when nothing was, with *waited_out true after a wait
+// that ran out.
+ssize_t stream_send_bounded(int sock, const char* data, size_t length,
+                            void (*compute_wait)(struct timeval*), bool* waited_out);
 
 // Like recv with MSG_PEEK: the bytes waiting, left in place; 0 at end of
 // stream, -1 with errno.

@@ -44,6 +44,12 @@ public:
 };
 
 // The mail-log line of a send that ran out of its phase.
+// One write of the session: all of the data, unless the peer took nothing
+// for the rest of the phase's time-out (its window and our buffer full).
+ssize_t session_send(int sock, const char* data, size_t length, bool* waited_out) {
+    return kemail::net::stream_send_bounded(sock, data, length, SMTP_GetSelectTimeOut, waited_out);
+}
+
 int send_timed_out(int over) {
     MailLogTimeOutWrite(g_pLogHandle, static_cast<int>(g_ulTimeOut), 1, "send");
     return over;
@@ -85,7 +91,8 @@ int send_in_chunks(int sock, const char* data, size_t length, size_t chunk, unsi
     };
     for (;;) {
         if (sent == begun_end) begin_chunk();
-        const ssize_t result = kemail::net::stream_send(sock, data + sent, length - sent);
+        bool waited_out = false;
+        const ssize_t result = session_send(sock, data + sent, length - sent, &waited_out);
         if (result > 0) {
             sent += static_cast<size_t>(result);
             if (sent >= begun_end) *pulErr = 0;
@@ -93,6 +100,10 @@ int send_in_chunks(int sock, const char* data, size_t length, size_t chunk, unsi
             if (sent == length) {
                 *pulErr = 0;
                 return 0;
+            }
+            if (waited_out) {
+                *pulErr = ETIMEDOUT;
+                return send_timed_out(kTimedOut);
             }
             if (sent < begun_end) {
                 const int over = SMTP_CheckOverTimeOut();
@@ -102,6 +113,7 @@ int send_in_chunks(int sock, const char* data, size_t length, size_t chunk, unsi
         }
         const int error = errno;
         *pulErr = static_cast<unsigned int>(error);
+        if (waited_out) return send_timed_out(kTimedOut);
         if (result == 0) {
             const int over = SMTP_CheckOverTimeOut();
             if (over < 0) return send_timed_out(over);
@@ -128,7 +140,15 @@ size_t write_quietly(int sock, const char* data, size_t length, SendFailure* fai
     int zero_sends = 0;
     int interrupted = 0;
     while (sent < length) {
-        const ssize_t result = kemail::net::stream_send(sock, data + sent, length - sent);
+        bool waited_out = false;
+        const ssize_t result = session_send(sock, data + sent, length - sent, &waited_out);
+        if (waited_out) {
+            if (result > 0) sent += static_cast<size_t>(result);
+            failure->result = kTimedOut;
+            failure->error = ETIMEDOUT;
+            failure->sets_word = true;
+            return sent;
+        }
         if (result > 0) {
             sent += static_cast<size_t>(result);
             if (sent < length && SMTP_CheckOverTimeOut() < 0) {
@@ -192,8 +212,13 @@ KEMAIL_API int SMTP_send(int lSock, const char* pData, int lLength, unsigned int
     int zero_sends = 0;
     int interrupted = 0;
     for (;;) {
+        bool waited_out = false;
         const ssize_t result =
-            kemail::net::stream_send(lSock, pData + sent, static_cast<size_t>(lLength - sent));
+            session_send(lSock, pData + sent, static_cast<size_t>(lLength - sent), &waited_out);
+        if (waited_out) {
+            *pulErr = ETIMEDOUT;
+            return send_timed_out(kTimedOut);
+        }
         if (result > 0) {
             sent += static_cast<int>(result);
             if (sent >= lLength) {
@@ -201,20 +226,14 @@ KEMAIL_API int SMTP_send(int lSock, const char* pData, int lLength, unsigned int
                 return 0;
             }
             const int over = SMTP_CheckOverTimeOut();
-            if (over < 0) {
-                MailLogTimeOutWrite(g_pLogHandle, static_cast<int>(g_ulTimeOut), 1, "send");
-                return over;
-            }
+            if (over < 0) return send_timed_out(over);
             continue;
         }
         const int error = errno;
         *pulErr = static_cast<unsigned int>(error);
         if (result == 0) {
             const int over = SMTP_CheckOverTimeOut();
-            if (over < 0) {
-                MailLogTimeOutWrite(g_pLogHandle, static_cast<int>(g_ulTimeOut), 1, "send");
-                return over;
-            }
+            if (over < 0) return send_timed_out(over);
             if (++zero_sends <= kMaxRetries) continue;
             MailLogSysErrWrite(g_pLogHandle, "send", 0, static_cast<long>(*pulErr), nullptr);
             trace(g_trace, 0, "smtp0e10");
