@@ -9,6 +9,7 @@
 #include "util/util.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
@@ -29,6 +30,16 @@ constexpr size_t kLineCut = 1024;
 // of 4096 bytes.
 using ByteReader = kemail::ByteReader<4096>;
 
+// True when a block, up to its first NUL, holds a Shift_JIS lead byte.
+bool block_has_lead_byte(const char* block) {
+    // Kept: a block is examined up to its first NUL only, and half-width
+    // katakana never count (test TopData.KatakanaOnlyBodyIsUsAscii).
+    for (const unsigned char* p = reinterpret_cast<const unsigned char*>(block); *p; ++p) {
+        if (is_sjis_lead(*p)) return true;
+    }
+    return false;
+}
+
 // Looks for a Shift_JIS lead byte. 1: found; 0: none; -1: read error, with
 // its errno in *error (the caller traces it).
 int scan_for_lead_byte(int body, int* error) {
@@ -48,22 +59,81 @@ int scan_for_lead_byte(int body, int* error) {
             return 0;
         }
         block[n] = '\0';
-        // Kept: a block is examined up to its first NUL only, and half-width
-        // katakana never count (test TopData.KatakanaOnlyBodyIsUsAscii).
-        for (const unsigned char* p = reinterpret_cast<unsigned char*>(block); *p; ++p) {
-            if (is_sjis_lead(*p)) {
-                trace(g_trace, 2, "smtp0652");
-                return 1;
-            }
+        if (block_has_lead_byte(block)) {
+            trace(g_trace, 2, "smtp0652");
+            return 1;
         }
     }
 }
+
+// A staged text is small (the text buffer's 10,239 bytes with a CR added
+// before each LF at most); a body file up to this size is read into memory
+// once, and the charset scan and the line conversion both run over that copy.
+constexpr size_t kWholeBodySize = 64 * 1024;
+
+// Reads the body file from its start into data (kWholeBodySize bytes). 1: the
+// whole file is there, *size bytes; 0: the file is longer; -1: read error,
+// with its errno in *error.
+int read_whole_body(int body, char* data, size_t* size, int* error) {
+    if (lseek(body, 0, SEEK_SET) < 0) {
+        *error = errno;
+        return -1;
+    }
+    size_t have = 0;
+    while (have < kWholeBodySize) {
+        const ssize_t n =
+            retry_on_eintr([&] { return ::read(body, data + have, kWholeBodySize - have); });
+        if (n < 0) {
+            *error = errno;
+            return -1;
+        }
+        if (n == 0) {
+            *size = have;
+            return 1;
+        }
+        have += static_cast<size_t>(n);
+    }
+    return 0;
+}
+
+// The scan over a body held in memory, in the blocks the file scan reads.
+int scan_memory_for_lead_byte(const char* data, size_t size) {
+    char block[kScanBlockSize + 1];
+    for (size_t at = 0; at < size; at += kScanBlockSize) {
+        const size_t n = size - at < kScanBlockSize ? size - at : kScanBlockSize;
+        std::memcpy(block, data + at, n);
+        block[n] = '\0';
+        if (block_has_lead_byte(block)) {
+            trace(g_trace, 2, "smtp0652");
+            return 1;
+        }
+    }
+    trace(g_trace, 2, "smtp0651");
+    return 0;
+}
+
+// Hands out the bytes of a body held in memory as ByteReader does a file's.
+class MemoryBytes {
+public:
+    MemoryBytes(const char* data, size_t size) : data_(data), size_(size) {}
+    ssize_t next(char* dst) {
+        if (pos_ == size_) return 0;
+        *dst = data_[pos_++];
+        return 1;
+    }
+
+private:
+    const char* data_;
+    size_t size_;
+    size_t pos_ = 0;
+};
 
 enum class Pair { Plain, LeadSeen, Complete };
 
 // Reads one output line into s_szRecvBuf (NUL-terminated). Returns its
 // length (0 at end of file) or -1 on a read error.
-long read_body_line(ByteReader& reader) {
+template <class Reader>
+long read_body_line(Reader& reader) {
     size_t n = 0;
     Pair state = Pair::Plain;
     for (;;) {
@@ -119,35 +189,64 @@ int body_failed(MessageWriter& out, int result, const char* code, int error, uns
     return result;
 }
 
+// Converts the body's lines into the message file: 0, -33 when a write
+// failed, -32 on a read error (errno set).
+template <class Reader>
+int convert_body(MessageWriter& out, Reader& reader, bool japanese) {
+    for (;;) {
+        const long length = read_body_line(reader);
+        if (length < 0) return -32;
+        if (length == 0) return 0;
+        const size_t n = convert_body_line(japanese);
+        if (!out.put(s_szSendBuf, n, "smtp0665")) return -33;
+    }
+}
+
 int write_text_part(MessageWriter& out, const char* body_path, unsigned int* pulErr) {
     UniqueFd body(retry_on_eintr([&] { return ::open(body_path, O_RDONLY | O_CLOEXEC); }));
     if (!body.valid()) return body_failed(out, -31, "smtp0645", errno, pulErr);
     int error = 0;
-    const int japanese = scan_for_lead_byte(body.get(), &error);
+    // Without the memory for a copy, or for a longer file, the file is
+    // scanned and then read again.
+    UniqueMalloc<char> whole(static_cast<char*>(std::malloc(kWholeBodySize)));
+    size_t whole_size = 0;
+    int in_memory = 0;
+    if (whole) {
+        in_memory = read_whole_body(body.get(), whole.get(), &whole_size, &error);
+        if (in_memory < 0) return body_failed(out, -32, "smtp0650", error, pulErr);
+    }
+    const int japanese = in_memory != 0 ? scan_memory_for_lead_byte(whole.get(), whole_size)
+                                        : scan_for_lead_byte(body.get(), &error);
     if (japanese < 0) return body_failed(out, -32, "smtp0650", error, pulErr);
 
-    size_t n = static_cast<size_t>(format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut,
-                                               "Content-Type: text/plain; charset=\"%s\"\r\n",
-                                               japanese ? "ISO-2022-JP" : "us-ascii"));
+    const size_t n = static_cast<size_t>(format_into(s_szSendBuf, sizeof s_szSendBuf, Overflow::Cut,
+                                                     "Content-Type: text/plain; charset=\"%s\"\r\n",
+                                                     japanese ? "ISO-2022-JP" : "us-ascii"));
     trace_text(g_trace, 2, japanese ? "smtp0653" : "smtp0654", s_szSendBuf);
     if (!out.put(s_szSendBuf, n, "smtp0655")) return -33;
     if (!out.put("\r\n", 2, "smtp0660")) return -33;
 
-    // Back to the start after the scan: a rewind that fails would leave the
-    // text part empty.
-    if (lseek(body.get(), 0, SEEK_SET) < 0) return body_failed(out, -32, "smtp0660", errno, pulErr);
-    {
-        // Scoped: the reader is done before the body file is closed.
-        ByteReader reader(body.get());
-        for (;;) {
-            const long length = read_body_line(reader);
-            if (length < 0) return body_failed(out, -32, "smtp0660", errno, pulErr);
-            if (length == 0) break;
-            n = convert_body_line(japanese != 0);
-            if (!out.put(s_szSendBuf, n, "smtp0665")) return -33;
+    if (in_memory != 0) {
+        body.reset();
+        MemoryBytes reader(whole.get(), whole_size);
+        const int converted = convert_body(out, reader, japanese != 0);
+        if (converted != 0) return converted;
+    } else {
+        // Back to the start after the scan: a rewind that fails would leave
+        // the text part empty.
+        if (lseek(body.get(), 0, SEEK_SET) < 0)
+            return body_failed(out, -32, "smtp0660", errno, pulErr);
+        int converted = 0;
+        {
+            // Scoped: the reader is done before the body file is closed.
+            ByteReader reader(body.get());
+            converted = convert_body(out, reader, japanese != 0);
+            error = errno;
         }
+        if (converted == -32) return body_failed(out, -32, "smtp0660", error, pulErr);
+        if (converted != 0) return converted;
+        body.reset();
     }
-    body.reset();
     // Ends a last line that had no CR LF. Kept: after one that had, this is
     // an extra empty line before whatever follows the text
     // (test TopData.AsciiBodyIsUsAsciiAndEndsWithAnEmptyLine).

@@ -70,4 +70,11 @@ struct OldFileList {
     OldFileList& operator=(const OldFileList&) = delete;
 };
 
+// GetTraceInfo and MailLogOpen with "trc_conf" already open as profile
+// (null when it could not be opened), so that the send entry reads the file
+// once for both.
+int trace_info_from(ProfileHandle* profile, const char* section, unsigned int* size,
+                    unsigned int* level, unsigned int* count);
+MailLogHandle* mail_log_open_from(ProfileHandle* profile);
+
 }  // namespace kemail

@@ -41,16 +41,14 @@ int open_log_file(const char* path, int truncate) {
     return fd;
 }
 
-void read_log_config(MailLogHandle* handle) {
+void read_log_config(MailLogHandle* handle, ProfileHandle* profile) {
     handle->log_size = kDefaultLogSizeKb;
     handle->log_num = kDefaultLogCount;
-    ProfileHandle* profile = Com_OpenPrivateProfile(KEMAIL_TRACE_CONF, 0);
     if (!profile) return;
     const uint32_t size = static_cast<uint32_t>(Com_GetPrivateProfileInt(
         profile, "LOG", "LOGSIZE", static_cast<int>(kDefaultLogSizeKb), KEMAIL_TRACE_CONF));
     const uint32_t count = static_cast<uint32_t>(Com_GetPrivateProfileInt(
         profile, "LOG", "LOGNUM", static_cast<int>(kDefaultLogCount), KEMAIL_TRACE_CONF));
-    Com_ClosePrivateProfile(profile, KEMAIL_TRACE_CONF);
     if (size >= 10 && size <= 100) handle->log_size = size;
     if (count == 0 || (count >= 5 && count <= 100)) handle->log_num = count;
 }
@@ -88,16 +86,10 @@ void write_text(int fd, const char* text) { write_all(fd, text, std::strlen(text
 
 }  // namespace
 
-}  // namespace kemail
-
-using namespace kemail;
-
-extern "C" {
-
-KEMAIL_API MailLogHandle* MailLogOpen(unsigned int /*ulUnused*/) noexcept {
+MailLogHandle* mail_log_open_from(ProfileHandle* profile) {
     MailLogHandle* handle = static_cast<MailLogHandle*>(std::calloc(1, sizeof(MailLogHandle)));
     if (!handle) return nullptr;
-    read_log_config(handle);
+    read_log_config(handle, profile);
     if (handle->log_num == 0) {
         std::free(handle);
         return nullptr;
@@ -131,6 +123,19 @@ KEMAIL_API MailLogHandle* MailLogOpen(unsigned int /*ulUnused*/) noexcept {
     kemail::format_into(banner, sizeof banner, kemail::Overflow::Cut, "%s [%d] NQ-Agent E-Mail\r\n",
                         stamp, static_cast<int>(getpid()));
     write_text(handle->fd, banner);
+    return handle;
+}
+
+}  // namespace kemail
+
+using namespace kemail;
+
+extern "C" {
+
+KEMAIL_API MailLogHandle* MailLogOpen(unsigned int /*ulUnused*/) noexcept {
+    ProfileHandle* profile = Com_OpenPrivateProfile(KEMAIL_TRACE_CONF, 0);
+    MailLogHandle* handle = mail_log_open_from(profile);
+    if (profile) Com_ClosePrivateProfile(profile, KEMAIL_TRACE_CONF);
     return handle;
 }
 

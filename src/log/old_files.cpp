@@ -64,9 +64,15 @@ namespace {
 // A directory whose modification time is close to the clock when it is
 // looked at is not remembered: a change made within the same tick of the
 // file system's clock (two seconds on the coarsest ones) could leave the
-// time as it was. Nor is one where a matching entry is a symbolic link (or of
-// unknown type): its target can come or go without the directory changing.
+// time as it was. A time with digits below the millisecond comes from a file
+// system that keeps finer times; there the tick is the kernel's coarse clock
+// (at most 10 ms at 100 Hz), and a time older than a few such ticks can no
+// longer be repeated by a change made after the look. Nor is a directory
+// remembered where a matching entry is a symbolic link (or of unknown type):
+// its target can come or go without the directory changing.
 constexpr time_t kSettleSeconds = 2;
+constexpr long kFineSettleNanoseconds = 50L * 1000 * 1000;
+constexpr long kMillisecond = 1000L * 1000;
 constexpr size_t kRememberedScans = 2;
 
 struct ScanMemory {
@@ -85,6 +91,17 @@ pthread_mutex_t g_scans_lock = PTHREAD_MUTEX_INITIALIZER;
 
 bool same_time(const struct timespec& a, const struct timespec& b) {
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+// True when no change made after started can leave the directory with the
+// modification time it had.
+bool settled(const struct timespec& modified, const struct timespec& started) {
+    if (modified.tv_sec + kSettleSeconds < started.tv_sec) return true;
+    if (modified.tv_nsec % kMillisecond == 0) return false;
+    const long long age_ns =
+        (static_cast<long long>(started.tv_sec) - modified.tv_sec) * 1000000000LL +
+        (started.tv_nsec - modified.tv_nsec);
+    return age_ns > kFineSettleNanoseconds;
 }
 
 ScanMemory* find_scan(const char* dir, const char* prefix) {
@@ -111,8 +128,7 @@ void remember_scan(const char* dir, const char* prefix, const struct stat& statu
                    const struct timespec& started, bool certain, uint32_t left) {
     const MutexLock lock(g_scans_lock);
     ScanMemory* scan = find_scan(dir, prefix);
-    const bool settled = status.st_mtim.tv_sec + kSettleSeconds < started.tv_sec;
-    if (!certain || !settled || std::strlen(dir) >= sizeof scan->dir ||
+    if (!certain || !settled(status.st_mtim, started) || std::strlen(dir) >= sizeof scan->dir ||
         std::strlen(prefix) >= sizeof scan->prefix) {
         if (scan != nullptr) scan->valid = false;
         return;

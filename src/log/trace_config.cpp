@@ -8,6 +8,27 @@
 #include <pthread.h>
 #include <unistd.h>
 
+namespace kemail {
+
+int trace_info_from(ProfileHandle* profile, const char* section, unsigned int* size,
+                    unsigned int* level, unsigned int* count) {
+    if (!section || !size || !level || !count || !profile) return -1;
+    const int new_size = Com_GetPrivateProfileInt(profile, section, "TRACESIZE",
+                                                  static_cast<int>(*size), KEMAIL_TRACE_CONF);
+    const int new_level = Com_GetPrivateProfileInt(profile, section, "TRACELEVEL",
+                                                   static_cast<int>(*level), KEMAIL_TRACE_CONF);
+    const int new_count = Com_GetPrivateProfileInt(profile, section, "TRACENUM",
+                                                   static_cast<int>(*count), KEMAIL_TRACE_CONF);
+    // The values are taken only when all three are valid.
+    if (new_size <= 0 || new_level < 0 || new_count < 0) return -1;
+    *size = static_cast<unsigned int>(new_size);
+    *level = static_cast<unsigned int>(new_level);
+    *count = static_cast<unsigned int>(new_count);
+    return 0;
+}
+
+}  // namespace kemail
+
 extern "C" {
 
 KEMAIL_API int GetTraceInfo(const char* pszSection, unsigned int /*ulUnused*/,
@@ -16,19 +37,9 @@ KEMAIL_API int GetTraceInfo(const char* pszSection, unsigned int /*ulUnused*/,
     if (!pszSection || !pulSize || !pulLevel || !pulCount) return -1;
     ProfileHandle* profile = Com_OpenPrivateProfile(KEMAIL_TRACE_CONF, 0);
     if (!profile) return -1;
-    const int size = Com_GetPrivateProfileInt(profile, pszSection, "TRACESIZE",
-                                              static_cast<int>(*pulSize), KEMAIL_TRACE_CONF);
-    const int level = Com_GetPrivateProfileInt(profile, pszSection, "TRACELEVEL",
-                                               static_cast<int>(*pulLevel), KEMAIL_TRACE_CONF);
-    const int count = Com_GetPrivateProfileInt(profile, pszSection, "TRACENUM",
-                                               static_cast<int>(*pulCount), KEMAIL_TRACE_CONF);
+    const int result = kemail::trace_info_from(profile, pszSection, pulSize, pulLevel, pulCount);
     Com_ClosePrivateProfile(profile, KEMAIL_TRACE_CONF);
-    // The values are taken only when all three are valid.
-    if (size <= 0 || level < 0 || count < 0) return -1;
-    *pulSize = static_cast<unsigned int>(size);
-    *pulLevel = static_cast<unsigned int>(level);
-    *pulCount = static_cast<unsigned int>(count);
-    return 0;
+    return result;
 }
 
 KEMAIL_API int Trc_GetSizeLevel(const char* pszSection, unsigned int* pulSize,

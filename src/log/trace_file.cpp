@@ -134,6 +134,9 @@ namespace {
 int open_ring(TraceHandle* handle, const char* path, uint32_t requested_kb, uint32_t level) {
     bool is_new = false;
     off_t old_length = 0;
+    // A file created now has the mode the umask left; an existing one is
+    // changed only when it is not 0644 already.
+    bool set_mode = true;
     UniqueFd file(open_trace_file(path, O_RDWR));
     if (!file.valid()) {
         file.reset(open_trace_file(path, O_RDWR | O_CREAT, 0644));
@@ -144,8 +147,9 @@ int open_ring(TraceHandle* handle, const char* path, uint32_t requested_kb, uint
         if (::fstat(file.get(), &status) != 0) return -1;
         old_length = status.st_size;
         if (old_length < static_cast<off_t>(trace_format::kHeaderSize)) is_new = true;
+        set_mode = (status.st_mode & 07777) != 0644;
     }
-    ::fchmod(file.get(), 0644);
+    if (set_mode) ::fchmod(file.get(), 0644);
 
     const uint32_t size_kb = Trc_RoundSizeKb(requested_kb);
     const size_t size = static_cast<size_t>(size_kb) * 1024;

@@ -7,10 +7,9 @@
 
 namespace kemail {
 
-int read_mail_config() {
+int read_mail_config(ProfileHandle* profile) {
     trace(g_trace, 1, "READKEMAIL0000");
     Content_D_flg = 0;
-    ProfileHandle* profile = Com_OpenPrivateProfile(KEMAIL_MAIL_INI, 0);
     if (profile == nullptr) {
         trace(g_trace, 0, "READKEMAIL0010");
         return -1;
@@ -18,7 +17,6 @@ int read_mail_config() {
     Content_D_flg =
         Com_GetPrivateProfileInt(profile, "KEMAIL", "CONTENT_DISPOSITION", 0, KEMAIL_MAIL_INI);
     trace_word(g_trace, 2, "READKEMAIL0020", static_cast<uint32_t>(Content_D_flg));
-    Com_ClosePrivateProfile(profile, KEMAIL_MAIL_INI);
     trace(g_trace, 1, "READKEMAILFFFF");
     return 0;
 }

@@ -241,11 +241,31 @@ int prepare_texts(const char* subject, const char* text, char (&subject_out)[kSu
     return warning;
 }
 
+// The mail configuration file, read once per send and kept until both the
+// settings and Content_D_flg have been taken from it.
+class MailConfigFile {
+public:
+    MailConfigFile() : profile_(Com_OpenPrivateProfile(KEMAIL_MAIL_INI, 0)) {}
+    ~MailConfigFile() { close(); }
+    void close() {
+        if (profile_ != nullptr) Com_ClosePrivateProfile(profile_, KEMAIL_MAIL_INI);
+        profile_ = nullptr;
+    }
+    MailConfigFile(const MailConfigFile&) = delete;
+    MailConfigFile& operator=(const MailConfigFile&) = delete;
+    ProfileHandle* get() const { return profile_; }
+
+private:
+    ProfileHandle* profile_;
+};
+
 int send_mail(Arguments& a) {
     trace(g_trace, 1, "EMAILAPI0000");
     // The settings come first: with UTF-8 input the request checks count the
-    // subject and text in their Shift_JIS form.
-    options::load_from_file(KEMAIL_MAIL_INI);
+    // subject and text in their Shift_JIS form. The mail configuration file
+    // is read once for them and for Content_D_flg.
+    MailConfigFile mail_config;
+    options::load_from_profile(mail_config.get());
     a.utf8 = options::current().input_charset == options::InputCharset::Utf8;
     int part_size_kb = kDefaultPartSizeKb;
     unsigned port = 0;
@@ -253,7 +273,8 @@ int send_mail(Arguments& a) {
     int result = check_request(a, &part_size_kb, &port, &utf8_text_length);
     if (result != 0) return result;
 
-    read_mail_config();
+    read_mail_config(mail_config.get());
+    mail_config.close();
     result = check_authentication(a.auth, a.message);
     if (result != 0) return result;
 

@@ -2,6 +2,7 @@
 // trace file and the mail log.
 #include "kemail.h"
 
+#include "log/log.h"
 #include "log/trace_record.h"
 #include "util/paths.h"
 #include "util/format.h"
@@ -40,8 +41,10 @@ KEMAIL_API int ZvKe_SendEMail(MailAddressInfo* pstAddress, int lAddressCount,
     g_trace = nullptr;
     g_pLogHandle = nullptr;
 
+    // "trc_conf" is read once, for the trace settings and the mail log's.
+    ProfileHandle* trace_conf = Com_OpenPrivateProfile(KEMAIL_TRACE_CONF, 0);
     unsigned int size_kb = 5, level = 1, keep = 5;
-    GetTraceInfo("ACERT", 0, &size_kb, &level, &keep);
+    kemail::trace_info_from(trace_conf, "ACERT", &size_kb, &level, &keep);
     DeleteOldFiles(0, "acert", keep, level);
     char trace_name[KEMAIL_TRACE_NAME_SIZE] = {};
     MakeTraceFileName(trace_name, 0, "acert", level);
@@ -50,7 +53,8 @@ KEMAIL_API int ZvKe_SendEMail(MailAddressInfo* pstAddress, int lAddressCount,
 
     char temp_dir[KEMAIL_TRACE_NAME_SIZE] = {};
     kemail::format_into(temp_dir, sizeof temp_dir, kemail::Overflow::Cut, "%s/tmp", KEMAIL_VAR_DIR);
-    g_pLogHandle = MailLogOpen(0);
+    g_pLogHandle = kemail::mail_log_open_from(trace_conf);
+    if (trace_conf) Com_ClosePrivateProfile(trace_conf, KEMAIL_TRACE_CONF);
 
     const int result = ZvKe_SendEMailPartial_parts(
         0, pstAddress, lAddressCount, pstContent, lContentCount, pszFrom, pszSubject, pszServer,

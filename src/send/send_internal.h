@@ -47,9 +47,10 @@ int check_timeouts(const MailTimeoutInfo& timeouts);
 int check_mail_auth(const MailAuthInfo& auth);
 int check_auth_cert(const AuthCertInfo& cert);
 
-// Sets Content_D_flg from the mail configuration file (READKEMAIL); a missing
-// file leaves it 0. Returns 0, or -1 when the file could not be opened.
-int read_mail_config();
+// Sets Content_D_flg from the mail configuration file (READKEMAIL), given
+// open as profile (null when it could not be opened, which leaves it 0).
+// Returns 0, or -1 for a null profile.
+int read_mail_config(ProfileHandle* profile);
 
 // Classifies the process locale through the EUC and Shift_JIS locale tables
 // (GETLANG).

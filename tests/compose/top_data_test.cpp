@@ -257,6 +257,32 @@ TEST_F(TopData, LeadByteInALaterScanBlockIsSeenAfterANul) {
     EXPECT_EQ(text_part().substr(0, kIso2022.size()), kIso2022);
 }
 
+// A body longer than the copy held in memory (64 KiB) is scanned and
+// converted from the file, with the same result.
+std::string long_ascii_body() {
+    std::string body;
+    for (int i = 0; body.size() <= 70 * 1024; ++i) {
+        body += "line " + std::to_string(i) + " of a body longer than its copy in memory\r\n";
+    }
+    return body;
+}
+
+TEST_F(TopData, BodyLongerThanItsCopyInMemoryIsReadFromTheFile) {
+    const std::string body = long_ascii_body();
+    ASSERT_EQ(compose_body(body), 0);
+    EXPECT_EQ(text_part(), kUsAscii + body + "\r\n");
+    EXPECT_TRUE(has_trace("smtp0651"));
+}
+
+TEST_F(TopData, LeadByteBeyondTheFirst64KiBMakesTheBodyJapanese) {
+    const std::string ascii = long_ascii_body();
+    ASSERT_EQ(compose_body(ascii + sjis("漢字") + "\r\n"), 0);
+    EXPECT_TRUE(has_trace("smtp0652"));
+    const std::string part = text_part();
+    ASSERT_EQ(part.substr(0, kIso2022.size()), kIso2022);
+    EXPECT_EQ(from_iso2022(part.substr(kIso2022.size())), ascii + "漢字\r\n\r\n");
+}
+
 // Kept: a lone lead byte at the end pairs with the NUL; the converted line
 // ends after the escape.
 TEST_F(TopData, LoneLeadByteAtTheEndOfTheBody) {
