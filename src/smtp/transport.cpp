@@ -43,40 +43,29 @@ public:
     }
 };
 
-// The mail-log line of a send that ran out of its phase.
 // One write of the session: all of the data, unless the peer took nothing
 // for the rest of the phase's time-out (its window and our buffer full).
 ssize_t session_send(int sock, const char* data, size_t length, bool* waited_out) {
     return kemail::net::stream_send_bounded(sock, data, length, SMTP_GetSelectTimeOut, waited_out);
 }
 
+// The mail-log line of a send that ran out of its phase.
 int send_timed_out(int over) {
     MailLogTimeOutWrite(g_pLogHandle, static_cast<int>(g_ulTimeOut), 1, "send");
     return over;
 }
-
-}  // namespace
-
-namespace kemail::smtp {
 
 // The socket takes as much as it will of the whole rest at each write; what
 // the designed loop would have done chunk by chunk is done as the write's
 // progress passes each chunk's start: the chunk's clock restart and its
 // trace record, and fresh retry counts. A write that ends inside a chunk is
 // a short send of that chunk (time-out check); one that ends on a chunk's
-// end completed it (none).
-int send_in_chunks(int sock, const char* data, size_t length, size_t chunk, unsigned int* pulErr,
-                   size_t* last_chunk) {
-    unsigned int scratch = 0;
-    if (!pulErr) pulErr = &scratch;
-    size_t last_scratch = 0;
-    if (!last_chunk) last_chunk = &last_scratch;
-    *last_chunk = 0;
-    if (!data || length == 0) return 0;
-    if (chunk == 0) chunk = length;
-
-    size_t sent = 0;       // bytes the socket took
-    size_t begun_end = 0;  // end of the last chunk begun
+// end completed it (none). With first_begun the caller has done the first
+// chunk's part itself.
+int write_in_chunks(int sock, const char* data, size_t length, size_t chunk, bool first_begun,
+                    unsigned int* pulErr, size_t* last_chunk) {
+    size_t sent = 0;                                               // bytes the socket took
+    size_t begun_end = first_begun ? std::min(chunk, length) : 0;  // end of the last chunk begun
     int zero_sends = 0;
     int interrupted = 0;
     auto begin_chunk = [&] {
@@ -90,7 +79,7 @@ int send_in_chunks(int sock, const char* data, size_t length, size_t chunk, unsi
         interrupted = 0;
     };
     for (;;) {
-        if (sent == begun_end) begin_chunk();
+        if (sent == begun_end && sent < length) begin_chunk();
         bool waited_out = false;
         const ssize_t result = session_send(sock, data + sent, length - sent, &waited_out);
         if (result > 0) {
@@ -132,6 +121,22 @@ int send_in_chunks(int sock, const char* data, size_t length, size_t chunk, unsi
         trace_word(g_trace, 0, "smtp0e03", static_cast<uint32_t>(error));
         return kSendFailed;
     }
+}
+
+}  // namespace
+
+namespace kemail::smtp {
+
+int send_in_chunks(int sock, const char* data, size_t length, size_t chunk, unsigned int* pulErr,
+                   size_t* last_chunk) {
+    unsigned int scratch = 0;
+    if (!pulErr) pulErr = &scratch;
+    size_t last_scratch = 0;
+    if (!last_chunk) last_chunk = &last_scratch;
+    *last_chunk = 0;
+    if (!data || length == 0) return 0;
+    if (chunk == 0) chunk = length;
+    return write_in_chunks(sock, data, length, chunk, false, pulErr, last_chunk);
 }
 
 size_t write_quietly(int sock, const char* data, size_t length, SendFailure* failure) {
@@ -208,47 +213,11 @@ KEMAIL_API int SMTP_send(int lSock, const char* pData, int lLength, unsigned int
         return kSendFailed;
     }
 
-    int sent = 0;
-    int zero_sends = 0;
-    int interrupted = 0;
-    for (;;) {
-        bool waited_out = false;
-        const ssize_t result =
-            session_send(lSock, pData + sent, static_cast<size_t>(lLength - sent), &waited_out);
-        if (waited_out) {
-            *pulErr = ETIMEDOUT;
-            return send_timed_out(kTimedOut);
-        }
-        if (result > 0) {
-            sent += static_cast<int>(result);
-            if (sent >= lLength) {
-                *pulErr = 0;
-                return 0;
-            }
-            const int over = SMTP_CheckOverTimeOut();
-            if (over < 0) return send_timed_out(over);
-            continue;
-        }
-        const int error = errno;
-        *pulErr = static_cast<unsigned int>(error);
-        if (result == 0) {
-            const int over = SMTP_CheckOverTimeOut();
-            if (over < 0) return send_timed_out(over);
-            if (++zero_sends <= kMaxRetries) continue;
-            MailLogSysErrWrite(g_pLogHandle, "send", 0, static_cast<long>(*pulErr), nullptr);
-            trace(g_trace, 0, "smtp0e10");
-            return kSendFailed;
-        }
-        if (error != EINTR) {
-            MailLogSysErrWrite(g_pLogHandle, "send", static_cast<int>(result), error, nullptr);
-            trace_word(g_trace, 0, "smtp0e05", static_cast<uint32_t>(error));
-            return kSendFailed;
-        }
-        if (++interrupted <= kMaxRetries) continue;
-        MailLogSysErrWrite(g_pLogHandle, "send", static_cast<int>(result), error, nullptr);
-        trace_word(g_trace, 0, "smtp0e03", static_cast<uint32_t>(error));
-        return kSendFailed;
-    }
+    // Kept: a send of no bytes at all is a run of zero-length sends, so it
+    // fails as one (test Transport.ASendOfNoBytesFailsAsZeroLengthSends).
+    size_t last_chunk = 0;
+    const size_t length = static_cast<size_t>(lLength);
+    return write_in_chunks(lSock, pData, length, length, true, pulErr, &last_chunk);
 }
 
 // Reads one line, CR LF included, or as many bytes as fill the buffer.

@@ -223,6 +223,13 @@ TEST_F(Transport, SendWritesEveryByteAndTracesThem) {
     EXPECT_EQ(sent.data, "NOOP\r\n");
 }
 
+TEST_F(Transport, ASendOfNoBytesFailsAsZeroLengthSends) {
+    EXPECT_EQ(SMTP_send(pair.ours, "NOOP\r\n", 0, &err), -3);
+    EXPECT_EQ(trace_count("smtp0e10"), 1);
+    EXPECT_EQ(trace_count("CHKOVER0000"), 6) << "every zero-length send looks at the clock";
+    EXPECT_EQ(pair.peer_read_available(), "");
+}
+
 TEST_F(Transport, ALargeSendGoesOutWholeInPieces) {
     std::string data(8 << 20, '\0');
     for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 31);
