@@ -4,6 +4,8 @@
 // line it reads, marked with the layer it came over.
 #pragma once
 
+#include "tls_listener.h"
+
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
@@ -78,28 +80,14 @@ public:
     using Handler = std::function<void(LineConnection&, LineTlsServer&)>;
 
     LineTlsServer(const std::string& cert, const std::string& key, Handler handler)
-        : handler_(std::move(handler)) {
-        listen_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(listen_, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-        listen(listen_, 1);
-        socklen_t len = sizeof addr;
-        getsockname(listen_, reinterpret_cast<sockaddr*>(&addr), &len);
-        port_ = ntohs(addr.sin_port);
-        context_ = SSL_CTX_new(TLS_server_method());
-        SSL_CTX_use_certificate_file(context_, cert.c_str(), SSL_FILETYPE_PEM);
-        SSL_CTX_use_PrivateKey_file(context_, key.c_str(), SSL_FILETYPE_PEM);
+        : listener_(cert, key), handler_(std::move(handler)) {
         thread_ = std::thread([this] { run(); });
     }
     ~LineTlsServer() {
-        shutdown(listen_, SHUT_RDWR);
+        listener_.stop_accepting();
         thread_.join();
-        close(listen_);
-        SSL_CTX_free(context_);
     }
-    uint16_t port() const { return port_; }
+    uint16_t port() const { return listener_.port(); }
 
     // Every line read, "plain: " or "tls: " in front.
     std::vector<std::string> lines() const {
@@ -113,21 +101,19 @@ public:
 
 private:
     void run() {
-        const int fd = accept4(listen_, nullptr, nullptr, SOCK_CLOEXEC);
+        const int fd = accept4(listener_.fd(), nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0) return;
         timeval limit{10, 0};
         setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
         {
-            LineConnection connection(fd, context_);
+            LineConnection connection(fd, listener_.context());
             handler_(connection, *this);
         }
         close(fd);
     }
 
+    TlsListener listener_;
     Handler handler_;
-    int listen_ = -1;
-    uint16_t port_ = 0;
-    SSL_CTX* context_ = nullptr;
     mutable std::mutex lock_;
     std::vector<std::string> lines_;
     std::thread thread_;

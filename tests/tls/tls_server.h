@@ -3,6 +3,8 @@
 // a small script in its own thread: handshake, then send or expect bytes.
 #pragma once
 
+#include "tls_listener.h"
+
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
@@ -26,28 +28,14 @@ public:
 
     TlsServer(const std::string& cert, const std::string& key, Mode mode,
               std::function<void(SSL*, int)> script)
-        : mode_(mode), script_(std::move(script)) {
-        listen_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(listen_, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-        listen(listen_, 1);
-        socklen_t len = sizeof addr;
-        getsockname(listen_, reinterpret_cast<sockaddr*>(&addr), &len);
-        port_ = ntohs(addr.sin_port);
-        context_ = SSL_CTX_new(TLS_server_method());
-        SSL_CTX_use_certificate_file(context_, cert.c_str(), SSL_FILETYPE_PEM);
-        SSL_CTX_use_PrivateKey_file(context_, key.c_str(), SSL_FILETYPE_PEM);
+        : listener_(cert, key), mode_(mode), script_(std::move(script)) {
         thread_ = std::thread([this] { run(); });
     }
     ~TlsServer() {
-        shutdown(listen_, SHUT_RDWR);
+        listener_.stop_accepting();
         thread_.join();
-        close(listen_);
-        SSL_CTX_free(context_);
     }
-    uint16_t port() const { return port_; }
+    uint16_t port() const { return listener_.port(); }
     bool handshake_done() const { return handshake_done_; }
 
     // A connected client socket for the session under test.
@@ -56,7 +44,7 @@ public:
         sockaddr_in addr{};
         addr.sin_family = AF_INET;
         addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        addr.sin_port = htons(port_);
+        addr.sin_port = htons(listener_.port());
         if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
             close(fd);
             return -1;
@@ -66,7 +54,7 @@ public:
 
 private:
     void run() {
-        const int fd = accept4(listen_, nullptr, nullptr, SOCK_CLOEXEC);
+        const int fd = accept4(listener_.fd(), nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0) return;
         timeval limit{5, 0};
         setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
@@ -77,7 +65,7 @@ private:
         } else if (mode_ == Mode::Plain) {
             script_(nullptr, fd);
         } else {
-            SSL* ssl = SSL_new(context_);
+            SSL* ssl = SSL_new(listener_.context());
             SSL_set_fd(ssl, fd);
             if (SSL_accept(ssl) == 1) {
                 handshake_done_ = true;
@@ -89,11 +77,9 @@ private:
         close(fd);
     }
 
+    TlsListener listener_;
     Mode mode_;
     std::function<void(SSL*, int)> script_;
-    int listen_ = -1;
-    uint16_t port_ = 0;
-    SSL_CTX* context_ = nullptr;
     std::atomic<bool> handshake_done_{false};
     std::thread thread_;
 };
