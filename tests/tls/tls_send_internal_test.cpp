@@ -144,6 +144,12 @@ protected:
     void set(const char* key, const std::string& value) {
         ASSERT_EQ(ZvKe_SetOption(key, value.c_str()), 0) << key << "=" << value;
     }
+    // TLS in the given mode, trusting the test CA that signed the servers'
+    // certificate.
+    void trust_test_ca(const char* mode) {
+        set("TLS", mode);
+        set("TLS_CA_FILE", pki_.ca());
+    }
     std::string host_ehlo() const { return "EHLO " + send_test::host_name() + "\r\n"; }
 
     TestPki pki_;
@@ -152,8 +158,7 @@ protected:
 
 TEST_F(TlsSend, StartTlsAuthenticatesAndSendsInsideTls) {
     LineTlsServer server(pki_.server_cert(), pki_.server_key(), smtp_peer({}));
-    set("TLS", "starttls");
-    set("TLS_CA_FILE", pki_.ca());
+    trust_test_ca("starttls");
     AuthCertInfo cert{};
     cert.ulMechanisms = KEMAIL_MECH_PLAIN;
     std::strcpy(cert.szUser, "user");
@@ -188,8 +193,7 @@ TEST_F(TlsSend, AuthAnnouncedOnlyInClearIsNotUsed) {
     SmtpPeer peer;
     peer.auth_in_clear_only = true;
     LineTlsServer server(pki_.server_cert(), pki_.server_key(), smtp_peer(peer));
-    set("TLS", "starttls");
-    set("TLS_CA_FILE", pki_.ca());
+    trust_test_ca("starttls");
     AuthCertInfo cert{};
     cert.ulMechanisms = KEMAIL_MECH_PLAIN;
     std::strcpy(cert.szUser, "user");
@@ -243,8 +247,7 @@ TEST_F(TlsSend, AnUntrustedCertificateGivesMinus30AndSendsNothingMore) {
 
 TEST_F(TlsSend, AnotherServerNameGivesMinus30) {
     LineTlsServer server(pki_.server_cert(), pki_.server_key(), smtp_peer({}));
-    set("TLS", "starttls");
-    set("TLS_CA_FILE", pki_.ca());
+    trust_test_ca("starttls");
     set("TLS_SERVER_NAME", "other.kemail.test");
     Mail mail(server.port());
     EXPECT_EQ(mail.send(), KEMAIL_E_TLS);
@@ -254,8 +257,7 @@ TEST_F(TlsSend, AnotherServerNameGivesMinus30) {
 
 TEST_F(TlsSend, TheServerNameKeyIsVerifiedInsteadOfTheAddress) {
     LineTlsServer server(pki_.server_cert(), pki_.server_key(), smtp_peer({}));
-    set("TLS", "starttls");
-    set("TLS_CA_FILE", pki_.ca());
+    trust_test_ca("starttls");
     set("TLS_SERVER_NAME", "mx.kemail.test");
     Mail mail(server.port());
     EXPECT_EQ(mail.send(), KEMAIL_OK) << mail.message;
@@ -279,8 +281,7 @@ TEST_F(TlsSend, SmtpsSpeaksTlsFromTheFirstByte) {
     SmtpPeer peer;
     peer.smtps = true;
     LineTlsServer server(pki_.server_cert(), pki_.server_key(), smtp_peer(peer));
-    set("TLS", "smtps");
-    set("TLS_CA_FILE", pki_.ca());
+    trust_test_ca("smtps");
     Mail mail(server.port());
     EXPECT_EQ(mail.send(), KEMAIL_OK) << mail.message;
     const auto lines = server.lines();
@@ -307,8 +308,7 @@ TEST_F(TlsSend, APeerClosingAtTheHandshakeGivesMinus30) {
     SmtpPeer peer;
     peer.after_ready = SmtpPeer::AfterReady::Close;
     LineTlsServer server(pki_.server_cert(), pki_.server_key(), smtp_peer(peer));
-    set("TLS", "starttls");
-    set("TLS_CA_FILE", pki_.ca());
+    trust_test_ca("starttls");
     Mail mail(server.port());
     EXPECT_EQ(mail.send(), KEMAIL_E_TLS);
     EXPECT_EQ(std::string(mail.message).rfind("handshake failed: ", 0), 0u) << mail.message;
@@ -322,8 +322,7 @@ TEST_F(TlsSend, ALargeMailWholeAndSplitGoesThroughTls) {
     std::string data(400 * 1024, '\0');
     for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>((i * 7919) >> 3);
     kemail_test::write_file(path, data);
-    set("TLS", "starttls");
-    set("TLS_CA_FILE", pki_.ca());
+    trust_test_ca("starttls");
     for (unsigned split : {0u, 1u}) {
         LineTlsServer server(pki_.server_cert(), pki_.server_key(), smtp_peer({}));
         Mail mail(server.port());
@@ -354,8 +353,7 @@ TEST_F(TlsSend, APeerClosingAfterTheHandshakeGivesTheClosedSocketResult) {
     SmtpPeer peer;
     peer.after_ready = SmtpPeer::AfterReady::CloseAfterHandshake;
     LineTlsServer server(pki_.server_cert(), pki_.server_key(), smtp_peer(peer));
-    set("TLS", "starttls");
-    set("TLS_CA_FILE", pki_.ca());
+    trust_test_ca("starttls");
     Mail mail(server.port());
     EXPECT_EQ(mail.send(), KEMAIL_E_SOCKET) << mail.message;
 }
@@ -367,8 +365,7 @@ TEST_F(TlsSend, APeerClosingDuringTheDataGivesTheClosedSocketResult) {
     SmtpPeer peer;
     peer.close_in_data = true;
     LineTlsServer server(pki_.server_cert(), pki_.server_key(), smtp_peer(peer));
-    set("TLS", "starttls");
-    set("TLS_CA_FILE", pki_.ca());
+    trust_test_ca("starttls");
     Mail mail(server.port());
     mail.attachments.push_back({KEMAIL_CONTENT_ATTACHMENT, path});
     EXPECT_EQ(mail.send(), KEMAIL_E_SOCKET) << mail.message;
@@ -378,8 +375,7 @@ TEST_F(TlsSend, APeerResettingAfterTheHandshakeGivesTheClosedSocketResult) {
     SmtpPeer peer;
     peer.after_ready = SmtpPeer::AfterReady::ResetAfterHandshake;
     LineTlsServer server(pki_.server_cert(), pki_.server_key(), smtp_peer(peer));
-    set("TLS", "starttls");
-    set("TLS_CA_FILE", pki_.ca());
+    trust_test_ca("starttls");
     Mail mail(server.port());
     EXPECT_EQ(mail.send(), KEMAIL_E_SOCKET) << mail.message;
 }
@@ -411,8 +407,7 @@ TEST_F(TlsSend, AStalledHandshakeEndsWithThePhaseTimeOut) {
     SmtpPeer peer;
     peer.after_ready = SmtpPeer::AfterReady::Stall;
     LineTlsServer server(pki_.server_cert(), pki_.server_key(), smtp_peer(peer));
-    set("TLS", "starttls");
-    set("TLS_CA_FILE", pki_.ca());
+    trust_test_ca("starttls");
     SmtpTimeOut timeouts{2, 60, 60, 60, 60, 60};
     SMTP_SetTimeOutInfo(&timeouts);
     unsigned int err = 0;
@@ -433,8 +428,7 @@ TEST_F(TlsSend, AStalledHandshakeEndsWithThePhaseTimeOut) {
 TEST_F(TlsSend, NoKeyNoTlsAndNothingCarriesOver) {
     {
         LineTlsServer server(pki_.server_cert(), pki_.server_key(), smtp_peer({}));
-        set("TLS", "starttls");
-        set("TLS_CA_FILE", pki_.ca());
+        trust_test_ca("starttls");
         Mail mail(server.port());
         ASSERT_EQ(mail.send(), KEMAIL_OK) << mail.message;
     }
