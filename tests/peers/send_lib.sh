@@ -74,6 +74,18 @@ send_make_inputs() {
   mkdir -p "$1" && /usr/bin/python3 "$SEND_CHECK" make "$1"
 }
 
+# send_begin NAME: a work directory /tmp/kemail-send-NAME.*, the peers
+# started (stopped, and the directory removed, when the script exits), the
+# test input made in $in and the peers' password in $SEND_WORK/password.
+send_begin() {
+  SEND_WORK=$(mktemp -d "/tmp/kemail-send-$1.XXXXXX") || exit 1
+  peers_start
+  trap 'peers_stop; rm -rf "$SEND_WORK"' EXIT
+  in="$SEND_WORK/input"
+  send_make_inputs "$in" || { echo "FAIL: cannot make the test input" >&2; exit 1; }
+  printf '%s\n' "$KEMAIL_PEER_PASSWORD" >"$SEND_WORK/password"
+}
+
 # send_py_checks ARGS...: runs send_check.py ARGS..., prints its lines and
 # counts each "ok"/"FAIL" line as one check (see lib.sh's peers_check).
 send_py_checks() {

@@ -16,13 +16,7 @@ source "$(dirname "$0")/send_lib.sh"
 
 peers_require
 send_require_tools
-SEND_WORK=$(mktemp -d /tmp/kemail-send-popauth.XXXXXX) || exit 1
-peers_start
-trap 'peers_stop; rm -rf "$SEND_WORK"' EXIT
-
-in="$SEND_WORK/input"
-send_make_inputs "$in" || { echo "FAIL: cannot make the test input" >&2; exit 1; }
-printf '%s\n' "$KEMAIL_PEER_PASSWORD" >"$SEND_WORK/password"
+send_begin popauth
 printf 'wrong-%s\n' "$KEMAIL_PEER_PASSWORD" >"$SEND_WORK/wrong-password"
 # Only a domain the listener does not serve needs the relay permission.
 foreign="someone@example.org"

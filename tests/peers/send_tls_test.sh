@@ -16,16 +16,10 @@ source "$(dirname "$0")/send_lib.sh"
 
 peers_require
 send_require_tools
-SEND_WORK=$(mktemp -d /tmp/kemail-send-tls.XXXXXX) || exit 1
-peers_start
-trap 'peers_stop; rm -rf "$SEND_WORK"' EXIT
-
-in="$SEND_WORK/input"
-send_make_inputs "$in" || { echo "FAIL: cannot make the test input" >&2; exit 1; }
+send_begin tls
 rcpt="$KEMAIL_PEER_USER@$KEMAIL_PEER_DOMAIN"
 ca="$KEMAIL_PEER_TLS_DIR/ca.pem"
 other_ca="$KEMAIL_PEER_TLS_DIR/other-ca.pem"
-printf '%s\n' "$KEMAIL_PEER_PASSWORD" >"$SEND_WORK/password"
 common=(--from "agent@$KEMAIL_PEER_DOMAIN" --to "$rcpt" --server "$KEMAIL_PEER_HOST"
         --subject "$(cat "$in/subject.sjis")" --body "$in/body.sjis"
         --timeout-connect 60 --timeout-mail 60 --timeout-rcpt 60 --timeout-data 60
