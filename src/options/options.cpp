@@ -168,12 +168,6 @@ void load_from_profile(ProfileHandle* profile) noexcept {
     g_file = loaded;
 }
 
-void load_from_file(const char* path) noexcept {
-    ProfileHandle* profile = Com_OpenPrivateProfile(path, 0);
-    load_from_profile(profile);
-    if (profile != nullptr) Com_ClosePrivateProfile(profile, path);
-}
-
 Settings current() noexcept {
     Settings settings;
     const MutexLock guard(g_lock);

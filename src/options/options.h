@@ -3,8 +3,8 @@
 // for one process through ZvKe_SetOption (which wins over the file); with
 // none named, every send behaves exactly as designed.
 //
-// The send reads the file's values first of all (load_from_file), before the
-// request checks, since the subject and text limits count the converted
+// The send reads the file's values first of all (load_from_profile), before
+// the request checks, since the subject and text limits count the converted
 // bytes; the layers below ask current() for the merged view.
 // A value the file gives that is not accepted counts as absent, the way the
 // designed keys fall back to their defaults.
@@ -45,11 +45,6 @@ int set_override(const char* key, const char* value) noexcept;
 // Takes the keys' values from an open kemail.ini; a null profile (no file)
 // clears them.
 void load_from_profile(ProfileHandle* profile) noexcept;
-
-// Opens the file at path, takes its keys' values as load_from_profile does
-// and closes it. Writes no trace record and no log line, so the send can
-// learn its settings before the request checks that depend on them.
-void load_from_file(const char* path) noexcept;
 
 // The settings in force: each key's override, else the file's value, else
 // its default.

@@ -170,10 +170,13 @@ TEST(OptionsAvailable, InputCharsetAndAddressFamilyAreTaken) {
     TempDir dir;
     const std::string path = dir.file("kemail.ini");
     kemail_test::write_file(path, "[KEMAIL]\nINPUT_CHARSET=UTF-8\nADDRESS_FAMILY=any\n");
-    kemail::options::load_from_file(path.c_str());
+    ProfileHandle* profile = Com_OpenPrivateProfile(path.c_str(), 0);
+    ASSERT_NE(profile, nullptr);
+    kemail::options::load_from_profile(profile);
+    Com_ClosePrivateProfile(profile, nullptr);
     EXPECT_EQ(current().input_charset, InputCharset::Utf8);
     EXPECT_EQ(current().address_family, AddressFamily::Any);
-    kemail::options::load_from_file(dir.file("missing.ini").c_str());
+    kemail::options::load_from_profile(nullptr);
     EXPECT_EQ(current().input_charset, InputCharset::Locale) << "no file: no value from it";
     EXPECT_EQ(current().address_family, AddressFamily::Ipv4);
     kemail::options::reset();
