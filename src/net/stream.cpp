@@ -2,7 +2,9 @@
 
 #include "tls/channel.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -53,22 +55,80 @@ ssize_t stream_send_bounded(int sock, const char* data, size_t length,
 ssize_t stream_peek(int sock, char* buf, size_t length) {
     if (tls::TlsSession* session = tls::session_for(sock))
         return session->receive(buf, length, true, session->time_left());
+    if (ReadAhead* ahead = ReadAhead::on(sock)) return ahead->peek(buf, length);
     return ::recv(sock, buf, length, MSG_PEEK);
 }
 
 ssize_t stream_recv(int sock, char* buf, size_t length) {
     if (tls::TlsSession* session = tls::session_for(sock))
         return session->receive(buf, length, false, session->time_left());
+    if (ReadAhead* ahead = ReadAhead::on(sock)) return ahead->take(buf, length);
     return ::recv(sock, buf, length, 0);
 }
 
 bool stream_buffered(int sock) {
     tls::TlsSession* session = tls::session_for(sock);
-    if (session == nullptr) return false;
+    if (session == nullptr) {
+        const ReadAhead* ahead = ReadAhead::on(sock);
+        return ahead != nullptr && ahead->waiting() > 0;
+    }
     // What was written must leave before the wait for the answer to it; a
     // failure is then reported by the read that follows at once.
     if (session->has_output() && session->flush(session->time_left()) != 0) return true;
     return session->pending();
+}
+
+namespace {
+
+// Per thread: a session runs on its caller's thread, and a socket another
+// thread reads is none of its business.
+thread_local ReadAhead* t_read_ahead = nullptr;
+
+}  // namespace
+
+void ReadAhead::start(int sock) noexcept {
+    stop();
+    sock_ = sock;
+    begin_ = end_ = 0;
+    t_read_ahead = this;
+}
+
+void ReadAhead::stop() noexcept {
+    if (t_read_ahead == this) t_read_ahead = nullptr;
+    sock_ = -1;
+    begin_ = end_ = 0;
+}
+
+ReadAhead* ReadAhead::on(int sock) noexcept {
+    ReadAhead* ahead = t_read_ahead;
+    return ahead != nullptr && ahead->sock_ == sock ? ahead : nullptr;
+}
+
+ssize_t ReadAhead::fill() noexcept {
+    const ssize_t got = ::recv(sock_, bytes_, sizeof bytes_, 0);
+    if (got > 0) {
+        begin_ = 0;
+        end_ = static_cast<size_t>(got);
+    }
+    return got;
+}
+
+ssize_t ReadAhead::peek(char* buf, size_t length) noexcept {
+    if (waiting() == 0) {
+        const ssize_t got = fill();
+        if (got <= 0) return got;
+    }
+    const size_t n = std::min(length, waiting());
+    std::memcpy(buf, bytes_ + begin_, n);
+    return static_cast<ssize_t>(n);
+}
+
+ssize_t ReadAhead::take(char* buf, size_t length) noexcept {
+    if (waiting() == 0) return ::recv(sock_, buf, length, 0);
+    const size_t n = std::min(length, waiting());
+    std::memcpy(buf, bytes_ + begin_, n);
+    begin_ += n;
+    return static_cast<ssize_t>(n);
 }
 
 }  // namespace kemail::net

@@ -39,4 +39,41 @@ ssize_t stream_recv(int sock, char* buf, size_t length);
 // reports it.
 bool stream_buffered(int sock);
 
+// Reading ahead on a socket in the clear, for a session whose replies come
+// in groups (pipelined commands): while a ReadAhead is started on a socket,
+// the calling thread's first read after a wait takes every byte that has
+// arrived, and the lines after it are served from here without another
+// wait or read. The bytes taken are the stream's next bytes for every later
+// read, so nothing is lost or reordered; only the number of system calls
+// changes. A TLS socket is read through its session as always. Stop it (or
+// let it go out of scope) before the socket is closed: bytes not yet taken
+// then go with the connection.
+class ReadAhead {
+public:
+    ReadAhead() = default;
+    ~ReadAhead() { stop(); }
+    ReadAhead(const ReadAhead&) = delete;
+    ReadAhead& operator=(const ReadAhead&) = delete;
+
+    void start(int sock) noexcept;
+    void stop() noexcept;
+
+    // The read-ahead started on sock by the calling thread, or null.
+    static ReadAhead* on(int sock) noexcept;
+
+    size_t waiting() const noexcept { return end_ - begin_; }
+    // Like recv with and without MSG_PEEK, from the bytes taken ahead; when
+    // none are left, one recv takes what has arrived.
+    ssize_t peek(char* buf, size_t length) noexcept;
+    ssize_t take(char* buf, size_t length) noexcept;
+
+private:
+    ssize_t fill() noexcept;
+
+    int sock_ = -1;
+    size_t begin_ = 0;
+    size_t end_ = 0;
+    char bytes_[4 * 1024];
+};
+
 }  // namespace kemail::net

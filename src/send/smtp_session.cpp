@@ -4,6 +4,7 @@
 
 #include "log/trace_record.h"
 #include "net/secure.h"
+#include "net/stream.h"
 #include "smtp/smtp.h"
 #include "util/unique_fd.h"
 
@@ -33,6 +34,8 @@ struct Session {
     // MAIL FROM, RCPT TO and DATA go out as one group (the PIPELINING
     // setting, and the server announced it).
     bool pipelining = false;
+    // With pipelining, replies that arrive together are read together.
+    net::ReadAhead read_ahead;
 };
 
 void end_marker() {
@@ -42,6 +45,7 @@ void end_marker() {
 
 // Ends the socket's TLS session, if any, and closes it.
 void close_socket(Session& s) {
+    s.read_ahead.stop();
     net::end_tls(s.socket.get());
     s.socket.reset();
 }
@@ -248,7 +252,7 @@ void delete_attachments_marked_for_deletion(const SendPlan& plan) {
 }  // namespace
 
 int run_session(const SendPlan& plan, ComposedMessage& composed, int warning) {
-    Session s{plan, composed, UniqueFd(), 0, 0, 0};
+    Session s{plan, composed, UniqueFd(), 0, 0, 0, false, {}};
 
     trace(g_trace, 2, "EMAILAPI00d8");
     // The socket initialiser only clears the status word: it has no failure,
@@ -277,6 +281,7 @@ int run_session(const SendPlan& plan, ComposedMessage& composed, int warning) {
     s.init_result = init;
     s.auth_memory = init;
     s.pipelining = smtp::pipelining_wanted();
+    if (s.pipelining) s.read_ahead.start(sock);
 
     const int sent = plan.split == 1 ? send_pieces(s) : send_whole(s);
     if (sent < 0) return sent;

@@ -3,7 +3,8 @@
 # split sends of the split test, made with the setting in kemail.ini, must
 # deliver the same mails. Under strace, the transaction's opening commands
 # are seen to leave in one write (MAIL FROM, RCPT TO and DATA together; RSET
-# with the next piece's MAIL FROM).
+# with the next piece's MAIL FROM), and the replies Postfix sends to such a
+# group together are taken in one read.
 # Argument 1: the build directory (holds tools/kemail-send).
 set -u
 build=${1:?usage: $0 BUILD_DIR}
@@ -21,7 +22,7 @@ cat >"$work/build/tools/kemail-send" <<WRAPPER
 #!/bin/bash
 printf '[KEMAIL]\nPIPELINING=1\n' >/etc/opt/QRZNvolta/kemail.ini || exit 70
 if command -v strace >/dev/null; then
-  exec strace -f -qq -s 512 -e trace=sendto,sendmsg,write -e signal=none \
+  exec strace -f -qq -s 512 -e trace=sendto,sendmsg,write,recvfrom -e signal=none \
     -o "$work/writes/\$\$.strace" "$tool" "\$@"
 fi
 exec "$tool" "\$@"
@@ -51,4 +52,7 @@ check "a piece's RSET leaves with the next piece's MAIL FROM, RCPT TO and DATA" 
   grouped '"RSET\\r\\nMAIL FROM:<[^>]*>\\r\\nRCPT TO:<[^>]*>\\r\\nDATA\\r\\n"'
 check "no MAIL FROM leaves on its own" \
   bash -c "! grep -h 'sendto(' $work/writes/*.strace | grep -q '\"MAIL FROM:<[^>]*>\\\\r\\\\n\", [0-9]*,'"
+check "the replies to MAIL FROM, RCPT TO and DATA are taken in one read" \
+  bash -c "grep -h 'recvfrom(' $work/writes/*.strace | grep -v MSG_PEEK \
+    | grep -q '\"250 [^\"]*\\\\r\\\\n250 [^\"]*\\\\r\\\\n354 '"
 [ "$fails" -eq 0 ]
