@@ -113,16 +113,8 @@ Copy copy_by_blocks(int file, MessageWriter& message, unsigned char* in, char* o
             return Copy::ReadFailed;
         }
         if (n == 0) return Copy::Done;
-        char* o = out;
-        for (size_t done = 0; done < static_cast<size_t>(n); done += kLineBytes) {
-            const size_t take = static_cast<size_t>(n) - done < kLineBytes
-                                    ? static_cast<size_t>(n) - done
-                                    : kLineBytes;
-            o += base64_encode(in + done, take, o);
-            *o++ = '\r';
-            *o++ = '\n';
-        }
-        if (!message.put(out, static_cast<size_t>(o - out), "smtp0740")) return Copy::WriteFailed;
+        const size_t length = base64_lines(in, static_cast<size_t>(n), out);
+        if (!message.put(out, length, "smtp0740")) return Copy::WriteFailed;
     }
 }
 
@@ -133,8 +125,7 @@ Copy copy_base64(int file, MessageWriter& out, unsigned int* pulErr) {
         // cut the lines exactly where 51-byte reads would.
         UniqueMalloc<unsigned char> in(
             static_cast<unsigned char*>(std::malloc(kLineBytes * kLinesPerBlock)));
-        UniqueMalloc<char> encoded(
-            static_cast<char*>(std::malloc(kLineWithEnd * kLinesPerBlock + 1)));
+        UniqueMalloc<char> encoded(static_cast<char*>(std::malloc(kLineWithEnd * kLinesPerBlock)));
         if (in && encoded) return copy_by_blocks(file, out, in.get(), encoded.get(), pulErr);
     }
     return copy_by_lines(file, out, pulErr);

@@ -62,6 +62,21 @@ private:
 // characters; out is NUL-terminated. The input is never written.
 size_t base64_encode(const unsigned char* in, size_t length, char* out);
 
+// The base64 engines, which give the same bytes: the scalar one, and on
+// x86-64 CPUs with AVX2 a vector one. Best is the fastest the CPU has; the
+// functions taking an engine exist so that tests can run each of them, and
+// run the scalar one for an engine the CPU lacks.
+enum class Base64Engine { Best, Scalar, Avx2 };
+bool base64_engine_available(Base64Engine engine);
+size_t base64_encode(Base64Engine engine, const unsigned char* in, size_t length, char* out);
+
+// An attachment body: each 51 bytes of in (the last piece may be shorter
+// and is padded) as one line of base64 ending in CR LF, the same bytes as
+// base64_encode on each piece. out needs 70 bytes for every started piece;
+// it is not NUL-terminated. Returns the number of bytes written.
+size_t base64_lines(const unsigned char* in, size_t length, char* out,
+                    Base64Engine engine = Base64Engine::Best);
+
 // Converts Shift_JIS text to ISO-2022-JP into out of size bytes. Stops before
 // a character that would not fit together with the closing ESC ( J and the
 // NUL, so the output is always a complete, closed text. Returns the bytes

@@ -1,8 +1,10 @@
 // The composition's encoders on arbitrary text: SMTP_sjistojis,
 // SMTP_toISO2022, SMTP_toBase64 and SMTP_makeSubject. Besides memory safety
 // (exactly sized heap buffers under AddressSanitizer) each result is checked
-// by decoding it again with the plain code below.
+// by decoding it again with the plain code below. The base64 engines are
+// also compared with each other, as strings and as attachment lines.
 #include "kemail.h"
+#include "compose/compose.h"
 
 #include "fuzz_support.h"
 
@@ -140,6 +142,41 @@ void check_base64(const uint8_t* data, size_t size) {
     FUZZ_CHECK(back == std::string(reinterpret_cast<const char*>(data), size));
 }
 
+// What one engine makes of the input, in exactly sized heap buffers: the
+// string and the attachment lines.
+std::string engine_string(kemail::Base64Engine engine, const uint8_t* data, size_t size) {
+    std::unique_ptr<unsigned char[]> in(new unsigned char[size]);
+    if (size != 0) std::memcpy(in.get(), data, size);
+    const size_t expected = 4 * ((size + 2) / 3);
+    std::unique_ptr<char[]> out(new char[expected + 1]);
+    FUZZ_CHECK(kemail::base64_encode(engine, in.get(), size, out.get()) == expected);
+    return std::string(out.get(), expected);
+}
+
+std::string engine_lines(kemail::Base64Engine engine, const uint8_t* data, size_t size) {
+    std::unique_ptr<unsigned char[]> in(new unsigned char[size]);
+    if (size != 0) std::memcpy(in.get(), data, size);
+    const size_t rest = size % 51;
+    const size_t expected = 70 * (size / 51) + (rest == 0 ? 0 : 4 * ((rest + 2) / 3) + 2);
+    std::unique_ptr<char[]> out(new char[expected]);
+    FUZZ_CHECK(kemail::base64_lines(in.get(), size, out.get(), engine) == expected);
+    return std::string(out.get(), expected);
+}
+
+void check_base64_engines(const uint8_t* data, size_t size) {
+    using kemail::Base64Engine;
+    const std::string scalar = engine_string(Base64Engine::Scalar, data, size);
+    std::string scalar_lines;
+    for (size_t done = 0; done < size; done += 51) {
+        scalar_lines += scalar.substr(done / 3 * 4, 68);
+        scalar_lines += "\r\n";
+    }
+    FUZZ_CHECK(engine_lines(Base64Engine::Scalar, data, size) == scalar_lines);
+    if (!kemail::base64_engine_available(Base64Engine::Avx2)) return;
+    FUZZ_CHECK(engine_string(Base64Engine::Avx2, data, size) == scalar);
+    FUZZ_CHECK(engine_lines(Base64Engine::Avx2, data, size) == scalar_lines);
+}
+
 void check_subject(const std::string& subject) {
     // The caller's buffer: the element size of a header line, or the whole
     // ASCII subject.
@@ -213,7 +250,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             if (size >= 2) check_sjistojis(data[0], data[1]);
             check_iso2022(text);
             break;
-        case 1: check_base64(data, size); break;
+        case 1:
+            check_base64(data, size);
+            check_base64_engines(data, size);
+            break;
         case 2: check_subject(text.substr(0, KEMAIL_MAX_SUBJECT)); break;
         default: check_subject(text); break;
     }
