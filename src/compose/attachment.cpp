@@ -23,10 +23,8 @@ int Content_D_flg = 0;
 namespace kemail {
 namespace {
 
-// Bytes of attachment per base64 line: 51 bytes give 68 characters.
-constexpr size_t kLineBytes = 51;
-constexpr size_t kLineChars = 68;
-constexpr size_t kLineWithEnd = kLineChars + 2;
+constexpr size_t kLineBytes = kBase64LineBytes;
+constexpr size_t kLineWithEnd = kBase64LineChars + 2;
 
 // A regular file is read in blocks of this many lines and each block's lines
 // go out in one write (together with the part header before them): the same

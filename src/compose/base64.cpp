@@ -57,8 +57,7 @@ char* encode_scalar(const unsigned char* in, size_t i, size_t length, char* o) {
     return o;
 }
 
-// Bytes of attachment per line: 51 bytes give 68 characters and CR LF.
-constexpr size_t kLineBytes = 51;
+constexpr size_t kLineBytes = kBase64LineBytes;
 
 char* lines_scalar(const unsigned char* in, size_t length, char* o) {
     for (size_t done = 0; done < length; done += kLineBytes) {
@@ -119,7 +118,7 @@ __attribute__((target("avx2"))) char* encode_avx2(const unsigned char* in, size_
 }
 
 // A whole line is 24 + 24 + 3 bytes: two vector steps and one group.
-constexpr size_t kLineChars = 68;
+constexpr size_t kLineChars = kBase64LineChars;
 
 __attribute__((target("avx2"))) char* lines_avx2(const unsigned char* in, size_t length, char* o) {
     size_t done = 0;

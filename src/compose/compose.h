@@ -70,6 +70,10 @@ enum class Base64Engine { Best, Scalar, Avx2 };
 bool base64_engine_available(Base64Engine engine);
 size_t base64_encode(Base64Engine engine, const unsigned char* in, size_t length, char* out);
 
+// Bytes of attachment per base64 line: 51 bytes give 68 characters.
+constexpr size_t kBase64LineBytes = 51;
+constexpr size_t kBase64LineChars = 68;
+
 // An attachment body: each 51 bytes of in (the last piece may be shorter
 // and is padded) as one line of base64 ending in CR LF, the same bytes as
 // base64_encode on each piece. out needs 70 bytes for every started piece;
