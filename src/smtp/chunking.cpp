@@ -5,6 +5,7 @@
 #include "log/trace_record.h"
 #include "smtp/smtp.h"
 #include "util/byte_reader.h"
+#include "util/util.h"
 
 #include <cerrno>
 #include <climits>
@@ -91,7 +92,7 @@ Extend walk_back(const char* pBuf, size_t count, const char* pszBoundary) {
     // holds no boundary anywhere (most pieces of a large attachment) would be
     // walked to its start for nothing.
     if (!pszBoundary || !*pszBoundary ||
-        !memmem(pBuf, count, pszBoundary, std::strlen(pszBoundary))) {
+        !kemail::holds_bytes(pBuf, count, pszBoundary, std::strlen(pszBoundary))) {
         trace(g_trace, 2, "smtp1030");
         return Extend::None;
     }

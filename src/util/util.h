@@ -42,6 +42,13 @@ bool format_path(PathBuffer& out, const char* format, ...) __attribute__((format
 // null buffer) nothing is written and the result is 0.
 size_t copy_cut(char* out, size_t size, const char* text);
 
+// Whether needle (needle_length bytes, not empty) occurs in data[length],
+// as memmem would find it. The search moves from one occurrence of the
+// needle's first byte to the next with memchr, so a text that seldom holds
+// that byte (a MIME boundary's '-' in a base64 body never) is crossed at
+// memchr's speed.
+bool holds_bytes(const char* data, size_t length, const char* needle, size_t needle_length);
+
 // Writes all length bytes, going on after a short write (each write retried
 // on EINTR), so that a failure always comes with the errno of the write that
 // could not proceed (EFBIG, ENOSPC ...). False, with that errno in *error
