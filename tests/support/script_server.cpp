@@ -424,7 +424,16 @@ void SmtpSink::run() {
         ++connections_;
         serve(fd);
         ::close(fd);
+        ++closed_;
     }
+}
+
+bool SmtpSink::wait_all_closed() const {
+    for (int tries = 0; closed() < connections(); ++tries) {
+        if (tries == 500) return false;
+        ::usleep(10 * 1000);
+    }
+    return true;
 }
 
 namespace {

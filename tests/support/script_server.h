@@ -190,9 +190,14 @@ public:
     SmtpSink& operator=(const SmtpSink&) = delete;
 
     uint16_t port() const { return port_; }
-    // Messages completed (end-of-data seen) and connections accepted so far.
+    // Messages completed (end-of-data seen), connections accepted and
+    // connections closed again so far.
     unsigned long messages() const { return messages_.load(); }
     unsigned long connections() const { return connections_.load(); }
+    unsigned long closed() const { return closed_.load(); }
+    // Waits (at most 5 s) until every connection accepted so far is closed;
+    // false when one is still open.
+    bool wait_all_closed() const;
 
 private:
     void run();
@@ -203,6 +208,7 @@ private:
     uint16_t port_ = 0;
     std::atomic<unsigned long> messages_{0};
     std::atomic<unsigned long> connections_{0};
+    std::atomic<unsigned long> closed_{0};
     std::atomic<bool> stopping_{false};
     std::thread thread_;
 };
