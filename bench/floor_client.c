@@ -116,12 +116,15 @@ int floor_open(floor_session* s, uint16_t port, SSL_CTX* tls, const char* server
 int floor_transaction(floor_session* s, const char* from, const char* to, const char* message,
                       size_t length, int flags) {
     char group[1024];
-    const int n = snprintf(group, sizeof group, "%sMAIL FROM:<%s>\r\nRCPT TO:<%s>\r\nDATA\r\n",
-                           s->reset_pending ? "RSET\r\n" : "", from, to);
+    const int n =
+        snprintf(group, sizeof group, "%s%sMAIL FROM:<%s>\r\nRCPT TO:<%s>\r\nDATA\r\n",
+                 s->end_pending ? "\r\n.\r\n" : "", s->reset_pending ? "RSET\r\n" : "", from, to);
     if (n < 0 || (size_t)n >= sizeof group) return -1;
     if (flags & FLOOR_PIPELINE) {
         if (send_all(s, group, (size_t)n) != 0) return -1;
+        if (s->end_pending && read_reply(s) != '2') return -1;
         if (s->reset_pending && read_reply(s) != '2') return -1;
+        s->end_pending = 0;
         s->reset_pending = 0;
         if (read_reply(s) != '2' || read_reply(s) != '2' || read_reply(s) != '3') return -1;
     } else {
@@ -136,18 +139,26 @@ int floor_transaction(floor_session* s, const char* from, const char* to, const 
             line = end;
         }
     }
-    if (send_all(s, message, length) != 0 || command(s, "\r\n.\r\n", '2') != 0) return -1;
-    if (!(flags & FLOOR_RESET)) return 0;
-    if (flags & FLOOR_PIPELINE) {
+    if (send_all(s, message, length) != 0) return -1;
+    if ((flags & FLOOR_PIPELINE) && (flags & FLOOR_RESET)) {
+        /* The end mark and the RSET go with the next group (or the QUIT). */
+        s->end_pending = 1;
         s->reset_pending = 1;
         return 0;
     }
+    if (command(s, "\r\n.\r\n", '2') != 0) return -1;
+    if (!(flags & FLOOR_RESET)) return 0;
     return command(s, "RSET\r\n", '2');
 }
 
 void floor_close(floor_session* s) {
     if (s->sock < 0) return;
-    if (s->reset_pending) {
+    if (s->end_pending) {
+        /* The end mark, RSET and QUIT go together; every reply is read. */
+        if (send_all(s, "\r\n.\r\nRSET\r\nQUIT\r\n", 17) == 0 && read_reply(s) == '2' &&
+            read_reply(s) == '2')
+            read_reply(s);
+    } else if (s->reset_pending) {
         /* RSET and QUIT go together; both replies are read. */
         if (send_all(s, "RSET\r\nQUIT\r\n", 12) == 0 && read_reply(s) == '2') read_reply(s);
     } else {

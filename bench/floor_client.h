@@ -6,8 +6,8 @@
  *
  * With an OpenSSL client context it does STARTTLS after EHLO (verifying the
  * server as the context says) and EHLO again; with FLOOR_PIPELINE it groups
- * MAIL FROM, RCPT TO and DATA in one write (RFC 2920) and puts the RSET that
- * ends a piece in front of the next piece's MAIL FROM. */
+ * MAIL FROM, RCPT TO and DATA in one write (RFC 2920) and puts the end mark
+ * and the RSET that end a piece in front of the next piece's MAIL FROM. */
 #ifndef KEMAIL_BENCH_FLOOR_CLIENT_H
 #define KEMAIL_BENCH_FLOOR_CLIENT_H
 
@@ -27,6 +27,7 @@ enum { FLOOR_REPLY_SIZE = 1024 };
 typedef struct floor_session {
     int sock;
     struct ssl_st* ssl; /* null for a session in clear */
+    int end_pending;    /* a pipelined end mark waits for the next command group */
     int reset_pending;  /* a pipelined RSET waits for the next command group */
     size_t used;        /* reply bytes received and not yet judged */
     char replies[FLOOR_REPLY_SIZE];

@@ -117,9 +117,9 @@ int send_whole(Session& s) {
                                                   .rewrite = {"EMAILAPI0166", "EMAILAPI0167"}};
     const SendPlan& plan = s.plan;
     smtp::GroupStage stage = smtp::GroupStage::Mail;
-    int rc = s.pipelining
-                 ? smtp::mail_group(s.socket.get(), false, plan.from, plan.to, &s.status, &stage)
-                 : smtp::kNotGrouped;
+    int rc = s.pipelining ? smtp::mail_group(s.socket.get(), smtp::GroupLead::None, plan.from,
+                                             plan.to, &s.status, &stage)
+                          : smtp::kNotGrouped;
     if (rc == smtp::kNotGrouped) {
         rc = SMTP_MAIL(s.socket.get(), plan.from, plan.to, &s.status);
         if (rc >= 0) {
@@ -150,6 +150,12 @@ int send_whole(Session& s) {
     return 0;
 }
 
+int end_of_data_failed(Session& s, int rc) {
+    trace_word(g_trace, 0, "EMAILAPI0150", static_cast<uint32_t>(rc));
+    trace_word(g_trace, 0, "EMAILAPI0151", s.status);
+    return step_failed(s, rc, kNumberOnSocket, "EMAILAPI0152");
+}
+
 int send_pieces(Session& s) {
     static constexpr MailFailureCodes kMailFailed{.code = "EMAILAPI0110",
                                                   .socket = "EMAILAPI0111",
@@ -177,20 +183,25 @@ int send_pieces(Session& s) {
         s.status = static_cast<unsigned>(GetErrorCode());
         return step_failed(s, -32, kNumberOnWorkFile, nullptr);
     }
-    // With pipelining, the RSET that ends a piece goes out with the next
-    // piece's MAIL FROM.
-    bool rset_pending = false;
+    // With pipelining, the end of a piece's data and the RSET after it go out
+    // with the next piece's MAIL FROM, RCPT TO and DATA.
+    smtp::GroupLead lead = smtp::GroupLead::None;
     for (int piece = 1; piece <= composed.piece_count; ++piece) {
         smtp::GroupStage stage = smtp::GroupStage::Mail;
-        int rc = s.pipelining ? smtp::mail_group(s.socket.get(), rset_pending, plan.from, plan.to,
-                                                 &s.status, &stage)
-                              : smtp::kNotGrouped;
+        int rc = s.pipelining
+                     ? smtp::mail_group(s.socket.get(), lead, plan.from, plan.to, &s.status, &stage)
+                     : smtp::kNotGrouped;
         const bool grouped = rc != smtp::kNotGrouped;
         if (!grouped) {
-            if (rset_pending) SMTP_RSET(s.socket.get(), &s.status);
+            if (lead == smtp::GroupLead::EndOfDataAndRset) {
+                rc = SMTP_endData(s.socket.get(), &s.status);
+                if (rc < 0) return end_of_data_failed(s, rc);
+            }
+            if (lead != smtp::GroupLead::None) SMTP_RSET(s.socket.get(), &s.status);
             rc = SMTP_MAIL(s.socket.get(), plan.from, plan.to, &s.status);
         }
-        rset_pending = false;
+        lead = smtp::GroupLead::None;
+        if (rc < 0 && stage == smtp::GroupStage::EndOfData) return end_of_data_failed(s, rc);
         if (rc < 0 && stage == smtp::GroupStage::Mail) return mail_failed(s, rc, kMailFailed);
         s.auth_memory = 0;
         if (!grouped) rc = SMTP_startData(s.socket.get(), &s.status);
@@ -226,17 +237,13 @@ int send_pieces(Session& s) {
             trace_word(g_trace, 0, "EMAILAPI0149", static_cast<uint32_t>(piece));
             return step_failed(s, rc, kNumberOnSocket, nullptr);
         }
-        rc = SMTP_endData(s.socket.get(), &s.status);
-        if (rc < 0) {
-            trace_word(g_trace, 0, "EMAILAPI0150", static_cast<uint32_t>(rc));
-            trace_word(g_trace, 0, "EMAILAPI0151", s.status);
-            return step_failed(s, rc, kNumberOnSocket, "EMAILAPI0152");
-        }
         if (s.pipelining && piece < composed.piece_count) {
-            rset_pending = true;
-        } else {
-            SMTP_RSET(s.socket.get(), &s.status);  // a refused RSET does not undo the piece
+            lead = smtp::GroupLead::EndOfDataAndRset;
+            continue;
         }
+        rc = SMTP_endData(s.socket.get(), &s.status);
+        if (rc < 0) return end_of_data_failed(s, rc);
+        SMTP_RSET(s.socket.get(), &s.status);  // a refused RSET does not undo the piece
     }
     trace(g_trace, 2, "EMAILAPI0155");
     return 0;

@@ -1,6 +1,7 @@
 // Command pipelining (RFC 2920), when the PIPELINING setting asks for it and
-// the server announced it: the transaction's opening commands leave in one
-// write, and their replies are then taken one by one exactly as the
+// the server announced it: the transaction's opening commands (after the end
+// of the piece before, when a split send has one) leave in one write, and
+// their replies are then taken one by one exactly as the
 // one-command-at-a-time exchange takes them, with the same mail-log lines and
 // trace records in the same order. Only the moment the lines leave differs.
 #include "kemail.h"
@@ -20,12 +21,12 @@ using kemail::trace_text;
 namespace kemail::smtp {
 namespace {
 
-// Room for the whole group: RSET, MAIL FROM with a sender of the longest
-// command line, and the RCPT lines of a recipient list as long as the send
-// entry takes (256 bytes, so at most 257 pieces), and DATA. A group that
-// does not fit is sent one command at a time instead.
+// Room for the whole group: the end-of-data mark, RSET, MAIL FROM with a
+// sender of the longest command line, and the RCPT lines of a recipient list
+// as long as the send entry takes (256 bytes, so at most 257 pieces), and
+// DATA. A group that does not fit is sent one command at a time instead.
 constexpr size_t kGroupSize = 2 * KEMAIL_SEND_BUF_SIZE + 8192;
-constexpr size_t kMaxGroupLines = 2 + 257 + 1;
+constexpr size_t kMaxGroupLines = 3 + 257 + 1;
 // Room for one address of the recipient list, its NUL included (as
 // SMTP_MAIL has it).
 constexpr size_t kRecipientSize = 304;
@@ -53,10 +54,12 @@ bool add_line(Group& group, int length) {
 
 // The lines of the group, or false when one cannot be formed or the whole
 // does not fit.
-bool build_group(Group& group, bool rset_first, const char* from, const char* recipients) {
+bool build_group(Group& group, GroupLead lead, const char* from, const char* recipients) {
     group.length = 0;
     group.lines = 0;
-    if (rset_first && !add_line(group, format_command("RSET\r\n"))) return false;
+    if (lead == GroupLead::EndOfDataAndRset && !add_line(group, format_command("\r\n.\r\n")))
+        return false;
+    if (lead != GroupLead::None && !add_line(group, format_command("RSET\r\n"))) return false;
     if (!add_line(group, format_command("MAIL FROM:<%s>\r\n", from))) return false;
     for (const char* piece = recipients;;) {
         const char* comma = std::strchr(piece, ',');
@@ -101,7 +104,7 @@ bool pipelining_wanted() noexcept {
     return (ehlo_extensions() & kExtPipelining) != 0 && kemail::options::current().pipelining;
 }
 
-int mail_group(int sock, bool rset_first, const char* from, const char* to, unsigned int* pulErr,
+int mail_group(int sock, GroupLead lead, const char* from, const char* to, unsigned int* pulErr,
                GroupStage* stage) {
     unsigned int scratch = 0;
     if (!pulErr) pulErr = &scratch;
@@ -109,10 +112,13 @@ int mail_group(int sock, bool rset_first, const char* from, const char* to, unsi
     if (!stage) stage = &stage_scratch;
     *stage = GroupStage::Mail;
     const char* recipients = to ? to : "";
-    if (!build_group(s_group, rset_first, from ? from : "", recipients)) return kNotGrouped;
+    if (!build_group(s_group, lead, from ? from : "", recipients)) return kNotGrouped;
 
     // The write runs on the clock of the group's first command.
-    if (rset_first) {
+    if (lead == GroupLead::EndOfDataAndRset) {
+        trace(g_trace, 1, "smtp0400");
+        start_phase(g_stMailTimeout.ulDataEnd);
+    } else if (lead == GroupLead::Rset) {
         trace(g_trace, 1, "RSET0000");
         *pulErr = 0;
         SMTP_SetStartTime();
@@ -124,7 +130,17 @@ int mail_group(int sock, bool rset_first, const char* from, const char* to, unsi
     const size_t written = write_quietly(sock, s_group.bytes, s_group.length, &failure);
 
     size_t line = 0;
-    if (rset_first) {
+    if (lead == GroupLead::EndOfDataAndRset) {
+        *stage = GroupStage::EndOfData;
+        const int ended = take_reply(sock, line++, written, failure, kEndOfData, pulErr);
+        if (ended != 0) return ended;
+        *stage = GroupStage::Mail;
+        // The RSET keeps the end mark's time-out; its clock restarts.
+        trace(g_trace, 1, "RSET0000");
+        *pulErr = 0;
+        SMTP_SetStartTime();
+    }
+    if (lead != GroupLead::None) {
         // Not judged: a refused RSET does not undo the piece before it.
         (void)take_reply(sock, line++, written, failure, kRset, pulErr);
         trace_text(g_trace, 1, "SMTP0200-2", recipients);

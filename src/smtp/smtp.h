@@ -146,22 +146,29 @@ int report_send_failure(const SendFailure& failure, unsigned int* pulErr);
 bool pipelining_wanted() noexcept;
 
 // Which command of the driver's sequence a pipelined group's result is for.
-enum class GroupStage { Mail, Data };
+enum class GroupStage { EndOfData, Mail, Data };
+
+// What a pipelined group carries before its MAIL FROM: nothing (the
+// session's first transaction), the RSET that ends the piece before, or that
+// piece's end-of-data mark and then the RSET (RFC 2920 lets the end of a
+// message's transfer lead the group that starts the next transaction).
+enum class GroupLead { None, Rset, EndOfDataAndRset };
 
 // Returned by mail_group when the commands cannot be formed as a group (a
 // line too long for its buffer): nothing was sent or traced.
 constexpr int kNotGrouped = 1;
 
-// RSET first when asked, MAIL FROM, one RCPT TO per piece of the list and
-// DATA, written together (RFC 2920), their replies then read, logged and
-// judged one by one in order, with the records SMTP_RSET, SMTP_MAIL and
+// The lead, MAIL FROM, one RCPT TO per piece of the list and DATA, written
+// together (RFC 2920), their replies then read, logged and judged one by one
+// in order, with the records SMTP_endData, SMTP_RSET, SMTP_MAIL and
 // SMTP_startData write (the RSET's result is not judged, as the driver does
 // not judge it). 0 when DATA got its go-ahead; otherwise the result of the
-// first command that failed or was refused, *stage telling whether SMTP_MAIL
-// or SMTP_startData would have given it. After a failure the replies of the
-// later commands stay unread and nothing more may be sent in the session: the
-// server may be waiting for the message, which must then never come.
-int mail_group(int sock, bool rset_first, const char* from, const char* to, unsigned int* pulErr,
+// first command that failed or was refused, *stage telling whether
+// SMTP_endData, SMTP_MAIL or SMTP_startData would have given it. After a
+// failure the replies of the later commands stay unread and nothing more may
+// be sent in the session: the server may be waiting for the message, which
+// must then never come.
+int mail_group(int sock, GroupLead lead, const char* from, const char* to, unsigned int* pulErr,
                GroupStage* stage);
 
 // Service extensions (RFC 1869) the last EHLO reply announced, besides AUTH

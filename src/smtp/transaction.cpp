@@ -27,19 +27,6 @@ namespace {
 constexpr size_t kRecipientSize = 304;
 constexpr unsigned int kQuitTimeOut = 300;
 
-// Kept: the mark's sent trace is written at level 0 and carries the mark and
-// its NUL (test Transaction.TheStagedFileGoesOutAsItIsAndTheMarkEndsIt).
-constexpr ExchangeCodes kEndOfData{.not_sent = "smtp0405",
-                                   .sent = "smtp0408",
-                                   .sent_level = 0,
-                                   .sent_length = 6,
-                                   .no_reply = "smtp0410",
-                                   .reply = "smtp0415",
-                                   .expect = '2',
-                                   .accepted = "smtp04FF",
-                                   .refused = "smtp0420",
-                                   .refused_word = true,
-                                   .refused_result = kMessageRefused};
 // No no-reply code: the reply to QUIT is read but neither required nor judged.
 constexpr ExchangeCodes kQuit{
     .not_sent = "smtp0410-2", .sent = "smtp0420-2", .sent_length = 7, .reply = "smtp0430-2"};

@@ -35,6 +35,19 @@ inline constexpr ExchangeCodes kData{.not_sent = "smtp0205",
                                      .refused = "smtp0220",
                                      .refused_word = true,
                                      .refused_result = kDataRefused};
+// Kept: the mark's sent trace is written at level 0 and carries the mark and
+// its NUL (test Transaction.TheStagedFileGoesOutAsItIsAndTheMarkEndsIt).
+inline constexpr ExchangeCodes kEndOfData{.not_sent = "smtp0405",
+                                          .sent = "smtp0408",
+                                          .sent_level = 0,
+                                          .sent_length = 6,
+                                          .no_reply = "smtp0410",
+                                          .reply = "smtp0415",
+                                          .expect = '2',
+                                          .accepted = "smtp04FF",
+                                          .refused = "smtp0420",
+                                          .refused_word = true,
+                                          .refused_result = kMessageRefused};
 // Keeps the current phase's time-out; only the clock restarts.
 inline constexpr ExchangeCodes kRset{.restarts_clock = true,
                                      .not_sent = "RSET0005",

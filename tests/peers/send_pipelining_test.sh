@@ -2,9 +2,9 @@
 # PIPELINING=1 against Postfix, which announces PIPELINING: the whole and the
 # split sends of the split test, made with the setting in kemail.ini, must
 # deliver the same mails. Under strace, the transaction's opening commands
-# are seen to leave in one write (MAIL FROM, RCPT TO and DATA together; RSET
-# with the next piece's MAIL FROM), and the replies Postfix sends to such a
-# group together are taken in one read.
+# are seen to leave in one write (MAIL FROM, RCPT TO and DATA together; a
+# piece's end-of-data mark and RSET with the next piece's MAIL FROM), and the
+# replies Postfix sends to such a group together are taken in one read.
 # Argument 1: the build directory (holds tools/kemail-send).
 set -u
 build=${1:?usage: $0 BUILD_DIR}
@@ -48,8 +48,8 @@ grouped() {
 }
 check "MAIL FROM, RCPT TO and DATA leave in one write" \
   grouped '"MAIL FROM:<[^>]*>\\r\\nRCPT TO:<[^>]*>\\r\\nDATA\\r\\n"'
-check "a piece's RSET leaves with the next piece's MAIL FROM, RCPT TO and DATA" \
-  grouped '"RSET\\r\\nMAIL FROM:<[^>]*>\\r\\nRCPT TO:<[^>]*>\\r\\nDATA\\r\\n"'
+check "a piece's end of data and RSET leave with the next piece's MAIL FROM, RCPT TO and DATA" \
+  grouped '"\\r\\n\.\\r\\nRSET\\r\\nMAIL FROM:<[^>]*>\\r\\nRCPT TO:<[^>]*>\\r\\nDATA\\r\\n"'
 check "no MAIL FROM leaves on its own" \
   bash -c "! grep -h 'sendto(' $work/writes/*.strace | grep -q '\"MAIL FROM:<[^>]*>\\\\r\\\\n\", [0-9]*,'"
 check "the replies to MAIL FROM, RCPT TO and DATA are taken in one read" \

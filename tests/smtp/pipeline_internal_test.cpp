@@ -14,6 +14,7 @@
 
 namespace {
 
+using kemail::smtp::GroupLead;
 using kemail::smtp::GroupStage;
 using kemail::smtp::mail_group;
 using namespace smtp_test;
@@ -156,7 +157,7 @@ TEST_F(Pipeline, TheGroupIsOneWriteAndItsRecordsAreThoseOfTheCommandsOneByOne) {
     trace.clear();
     PacketPair pair;
     pair.reply("250 ok\r\n250 ok a\r\n251 ok b\r\n354 go\r\n");
-    EXPECT_EQ(mail_group(pair.ours, false, "s@x", "a@x,b@x", &err, &stage), 0);
+    EXPECT_EQ(mail_group(pair.ours, GroupLead::None, "s@x", "a@x,b@x", &err, &stage), 0);
     EXPECT_EQ(err, 0u);
     EXPECT_EQ(stage, GroupStage::Data);
     const std::vector<std::string> writes = pair.writes();
@@ -170,7 +171,7 @@ TEST_F(Pipeline, TheGroupIsOneWriteAndItsRecordsAreThoseOfTheCommandsOneByOne) {
 TEST_F(Pipeline, AnRsetLeadsTheGroupAndItsRefusalIsNotJudged) {
     PacketPair pair;
     pair.reply("500 no rset\r\n250 ok\r\n250 ok\r\n354 go\r\n");
-    EXPECT_EQ(mail_group(pair.ours, true, "s@x", "a@x", &err, &stage), 0);
+    EXPECT_EQ(mail_group(pair.ours, GroupLead::Rset, "s@x", "a@x", &err, &stage), 0);
     const std::vector<std::string> writes = pair.writes();
     ASSERT_EQ(writes.size(), 1u);
     EXPECT_EQ(writes[0], "RSET\r\nMAIL FROM:<s@x>\r\nRCPT TO:<a@x>\r\nDATA\r\n");
@@ -178,10 +179,61 @@ TEST_F(Pipeline, AnRsetLeadsTheGroupAndItsRefusalIsNotJudged) {
                                 "smtp0185", "smtp0191", "smtp0200", "smtp02FF"}));
 }
 
+TEST_F(Pipeline, AnEndOfDataLeadsTheGroupWithTheRecordsOfTheCommandsOneByOne) {
+    // The designed end of a piece and start of the next, for their records.
+    std::vector<std::string> designed;
+    {
+        PacketPair pair;
+        pair.reply("250 queued\r\n250 reset\r\n250 ok\r\n250 ok a\r\n354 go\r\n");
+        ASSERT_EQ(SMTP_endData(pair.ours, &err), 0);
+        ASSERT_EQ(SMTP_RSET(pair.ours, &err), 0);
+        ASSERT_EQ(SMTP_MAIL(pair.ours, "s@x", "a@x", &err), 0);
+        ASSERT_EQ(SMTP_startData(pair.ours, &err), 0);
+        EXPECT_EQ(pair.writes().size(), 5u);
+        designed = trace.records();
+    }
+    trace.clear();
+    PacketPair pair;
+    pair.reply("250 queued\r\n250 reset\r\n250 ok\r\n250 ok a\r\n354 go\r\n");
+    EXPECT_EQ(mail_group(pair.ours, GroupLead::EndOfDataAndRset, "s@x", "a@x", &err, &stage), 0);
+    EXPECT_EQ(stage, GroupStage::Data);
+    const std::vector<std::string> writes = pair.writes();
+    ASSERT_EQ(writes.size(), 1u);
+    EXPECT_EQ(writes[0], "\r\n.\r\nRSET\r\nMAIL FROM:<s@x>\r\nRCPT TO:<a@x>\r\nDATA\r\n");
+    EXPECT_EQ(trace.records(), designed);
+    EXPECT_EQ(pair.unread(), "");
+}
+
+TEST_F(Pipeline, ARefusedEndOfDataEndsTheGroupBeforeTheNextTransaction) {
+    PacketPair pair;
+    pair.reply("554 5.7.1 rejected\r\n250 reset\r\n250 ok\r\n250 ok a\r\n354 go\r\n");
+    EXPECT_EQ(mail_group(pair.ours, GroupLead::EndOfDataAndRset, "s@x", "a@x", &err, &stage),
+              kemail::smtp::kMessageRefused);
+    EXPECT_EQ(stage, GroupStage::EndOfData);
+    EXPECT_EQ(err, 0u);
+    EXPECT_EQ(reply_handed_out(), "554 5.7.1 rejected\r\n");
+    EXPECT_TRUE(trace.in_order({"smtp0400", "smtp0e00", "smtp0408", "smtp0415", "smtp0420"}));
+    EXPECT_EQ(trace.count("RSET0000"), 0);
+    EXPECT_EQ(trace.count("SMTP0200-2"), 0);
+    EXPECT_EQ(pair.unread(), "250 reset\r\n250 ok\r\n250 ok a\r\n354 go\r\n");
+    EXPECT_EQ(pair.writes().size(), 1u);
+}
+
+TEST_F(Pipeline, AFailedWriteBehindAnEndOfDataIsTheEndOfDatasFailure) {
+    PacketPair pair;
+    ::close(pair.peer);
+    pair.peer = -1;
+    EXPECT_EQ(mail_group(pair.ours, GroupLead::EndOfDataAndRset, "s@x", "a@x", &err, &stage), -3);
+    EXPECT_EQ(stage, GroupStage::EndOfData);
+    EXPECT_EQ(err, static_cast<unsigned>(EPIPE));
+    EXPECT_TRUE(trace.in_order({"smtp0400", "smtp0e00", "smtp0e05", "smtp0405"}));
+    EXPECT_EQ(trace.count("smtp0408"), 0);
+}
+
 TEST_F(Pipeline, ARefusedRecipientEndsTheGroupAndLeavesTheLaterRepliesUnread) {
     PacketPair pair;
     pair.reply("250 ok\r\n250 ok a\r\n550 no b\r\n250 ok c\r\n354 go\r\n");
-    EXPECT_EQ(mail_group(pair.ours, false, "s@x", "a@x,b@x,c@x", &err, &stage), -23);
+    EXPECT_EQ(mail_group(pair.ours, GroupLead::None, "s@x", "a@x,b@x,c@x", &err, &stage), -23);
     EXPECT_EQ(stage, GroupStage::Mail);
     EXPECT_EQ(err, 0u);
     EXPECT_EQ(reply_handed_out(), "550 no b\r\n");
@@ -196,7 +248,7 @@ TEST_F(Pipeline, ARefusedRecipientEndsTheGroupAndLeavesTheLaterRepliesUnread) {
 TEST_F(Pipeline, ARefusedSenderGivesMinus22) {
     PacketPair pair;
     pair.reply("553 no\r\n503 a\r\n503 b\r\n");
-    EXPECT_EQ(mail_group(pair.ours, false, "s@x", "a@x", &err, &stage), -22);
+    EXPECT_EQ(mail_group(pair.ours, GroupLead::None, "s@x", "a@x", &err, &stage), -22);
     EXPECT_EQ(stage, GroupStage::Mail);
     EXPECT_EQ(reply_handed_out(), "553 no\r\n");
     EXPECT_EQ(pair.unread(), "503 a\r\n503 b\r\n");
@@ -206,7 +258,7 @@ TEST_F(Pipeline, ARefusedSenderGivesMinus22) {
 TEST_F(Pipeline, ARefusedDataGivesMinus24) {
     PacketPair pair;
     pair.reply("250 ok\r\n250 ok\r\n554 no\r\n");
-    EXPECT_EQ(mail_group(pair.ours, false, "s@x", "a@x", &err, &stage), -24);
+    EXPECT_EQ(mail_group(pair.ours, GroupLead::None, "s@x", "a@x", &err, &stage), -24);
     EXPECT_EQ(stage, GroupStage::Data);
     EXPECT_EQ(reply_handed_out(), "554 no\r\n");
     EXPECT_EQ(trace.count("smtp0220"), 1);
@@ -215,10 +267,12 @@ TEST_F(Pipeline, ARefusedDataGivesMinus24) {
 TEST_F(Pipeline, AGroupThatCannotBeFormedSendsNothing) {
     PacketPair pair;
     const std::string too_long(304, 'L');
-    EXPECT_EQ(mail_group(pair.ours, true, "s@x", ("a@x," + too_long).c_str(), &err, &stage),
-              kemail::smtp::kNotGrouped);
-    EXPECT_EQ(mail_group(pair.ours, false, std::string(5000, 's').c_str(), "a@x", &err, &stage),
-              kemail::smtp::kNotGrouped);
+    EXPECT_EQ(
+        mail_group(pair.ours, GroupLead::Rset, "s@x", ("a@x," + too_long).c_str(), &err, &stage),
+        kemail::smtp::kNotGrouped);
+    EXPECT_EQ(
+        mail_group(pair.ours, GroupLead::None, std::string(5000, 's').c_str(), "a@x", &err, &stage),
+        kemail::smtp::kNotGrouped);
     EXPECT_TRUE(pair.writes().empty());
     EXPECT_TRUE(trace.records().empty());
 }
@@ -227,7 +281,7 @@ TEST_F(Pipeline, AFailedWriteIsTheFailureOfTheFirstCommandItDidNotCarry) {
     PacketPair pair;
     ::close(pair.peer);
     pair.peer = -1;
-    EXPECT_EQ(mail_group(pair.ours, false, "s@x", "a@x", &err, &stage), -3);
+    EXPECT_EQ(mail_group(pair.ours, GroupLead::None, "s@x", "a@x", &err, &stage), -3);
     EXPECT_EQ(stage, GroupStage::Mail);
     EXPECT_EQ(err, static_cast<unsigned>(EPIPE));
     EXPECT_TRUE(trace.in_order({"SMTP0200-2", "smtp0e00", "smtp0e05", "smtp0145"}));
