@@ -196,8 +196,8 @@ int send_pieces(Session& s) {
             if (lead == smtp::GroupLead::EndOfDataAndRset) {
                 rc = SMTP_endData(s.socket.get(), &s.status);
                 if (rc < 0) return end_of_data_failed(s, rc);
+                SMTP_RSET(s.socket.get(), &s.status);
             }
-            if (lead != smtp::GroupLead::None) SMTP_RSET(s.socket.get(), &s.status);
             rc = SMTP_MAIL(s.socket.get(), plan.from, plan.to, &s.status);
         }
         lead = smtp::GroupLead::None;

@@ -57,9 +57,9 @@ bool add_line(Group& group, int length) {
 bool build_group(Group& group, GroupLead lead, const char* from, const char* recipients) {
     group.length = 0;
     group.lines = 0;
-    if (lead == GroupLead::EndOfDataAndRset && !add_line(group, format_command("\r\n.\r\n")))
+    if (lead == GroupLead::EndOfDataAndRset && (!add_line(group, format_command("\r\n.\r\n")) ||
+                                                !add_line(group, format_command("RSET\r\n"))))
         return false;
-    if (lead != GroupLead::None && !add_line(group, format_command("RSET\r\n"))) return false;
     if (!add_line(group, format_command("MAIL FROM:<%s>\r\n", from))) return false;
     for (const char* piece = recipients;;) {
         const char* comma = std::strchr(piece, ',');
@@ -118,10 +118,6 @@ int mail_group(int sock, GroupLead lead, const char* from, const char* to, unsig
     if (lead == GroupLead::EndOfDataAndRset) {
         trace(g_trace, 1, "smtp0400");
         start_phase(g_stMailTimeout.ulDataEnd);
-    } else if (lead == GroupLead::Rset) {
-        trace(g_trace, 1, "RSET0000");
-        *pulErr = 0;
-        SMTP_SetStartTime();
     } else {
         trace_text(g_trace, 1, "SMTP0200-2", recipients);
         start_phase(g_stMailTimeout.ulMailFrom);
@@ -135,13 +131,11 @@ int mail_group(int sock, GroupLead lead, const char* from, const char* to, unsig
         const int ended = take_reply(sock, line++, written, failure, kEndOfData, pulErr);
         if (ended != 0) return ended;
         *stage = GroupStage::Mail;
-        // The RSET keeps the end mark's time-out; its clock restarts.
+        // The RSET keeps the end mark's time-out; its clock restarts. Not
+        // judged: a refused RSET does not undo the piece before it.
         trace(g_trace, 1, "RSET0000");
         *pulErr = 0;
         SMTP_SetStartTime();
-    }
-    if (lead != GroupLead::None) {
-        // Not judged: a refused RSET does not undo the piece before it.
         (void)take_reply(sock, line++, written, failure, kRset, pulErr);
         trace_text(g_trace, 1, "SMTP0200-2", recipients);
         start_phase(g_stMailTimeout.ulMailFrom);

@@ -149,10 +149,10 @@ bool pipelining_wanted() noexcept;
 enum class GroupStage { EndOfData, Mail, Data };
 
 // What a pipelined group carries before its MAIL FROM: nothing (the
-// session's first transaction), the RSET that ends the piece before, or that
-// piece's end-of-data mark and then the RSET (RFC 2920 lets the end of a
-// message's transfer lead the group that starts the next transaction).
-enum class GroupLead { None, Rset, EndOfDataAndRset };
+// session's first transaction), or the end-of-data mark of the piece before
+// and the RSET that ends it (RFC 2920 lets the end of a message's transfer
+// lead the group that starts the next transaction).
+enum class GroupLead { None, EndOfDataAndRset };
 
 // Returned by mail_group when the commands cannot be formed as a group (a
 // line too long for its buffer): nothing was sent or traced.

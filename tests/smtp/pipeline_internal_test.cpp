@@ -168,15 +168,16 @@ TEST_F(Pipeline, TheGroupIsOneWriteAndItsRecordsAreThoseOfTheCommandsOneByOne) {
     EXPECT_EQ(pair.unread(), "");
 }
 
-TEST_F(Pipeline, AnRsetLeadsTheGroupAndItsRefusalIsNotJudged) {
+TEST_F(Pipeline, TheRsetAfterAnEndOfDataIsNotJudged) {
     PacketPair pair;
-    pair.reply("500 no rset\r\n250 ok\r\n250 ok\r\n354 go\r\n");
-    EXPECT_EQ(mail_group(pair.ours, GroupLead::Rset, "s@x", "a@x", &err, &stage), 0);
+    pair.reply("250 queued\r\n500 no rset\r\n250 ok\r\n250 ok\r\n354 go\r\n");
+    EXPECT_EQ(mail_group(pair.ours, GroupLead::EndOfDataAndRset, "s@x", "a@x", &err, &stage), 0);
     const std::vector<std::string> writes = pair.writes();
     ASSERT_EQ(writes.size(), 1u);
-    EXPECT_EQ(writes[0], "RSET\r\nMAIL FROM:<s@x>\r\nRCPT TO:<a@x>\r\nDATA\r\n");
-    EXPECT_TRUE(trace.in_order({"RSET0000", "RSET0015", "RSET0020", "SMTP0200-2", "smtp0155",
-                                "smtp0185", "smtp0191", "smtp0200", "smtp02FF"}));
+    EXPECT_EQ(writes[0], "\r\n.\r\nRSET\r\nMAIL FROM:<s@x>\r\nRCPT TO:<a@x>\r\nDATA\r\n");
+    EXPECT_TRUE(
+        trace.in_order({"smtp0400", "smtp0415", "smtp04FF", "RSET0000", "RSET0015", "RSET0020",
+                        "SMTP0200-2", "smtp0155", "smtp0185", "smtp0191", "smtp0200", "smtp02FF"}));
 }
 
 TEST_F(Pipeline, AnEndOfDataLeadsTheGroupWithTheRecordsOfTheCommandsOneByOne) {
@@ -267,9 +268,9 @@ TEST_F(Pipeline, ARefusedDataGivesMinus24) {
 TEST_F(Pipeline, AGroupThatCannotBeFormedSendsNothing) {
     PacketPair pair;
     const std::string too_long(304, 'L');
-    EXPECT_EQ(
-        mail_group(pair.ours, GroupLead::Rset, "s@x", ("a@x," + too_long).c_str(), &err, &stage),
-        kemail::smtp::kNotGrouped);
+    EXPECT_EQ(mail_group(pair.ours, GroupLead::EndOfDataAndRset, "s@x", ("a@x," + too_long).c_str(),
+                         &err, &stage),
+              kemail::smtp::kNotGrouped);
     EXPECT_EQ(
         mail_group(pair.ours, GroupLead::None, std::string(5000, 's').c_str(), "a@x", &err, &stage),
         kemail::smtp::kNotGrouped);
