@@ -33,6 +33,7 @@ struct SmtpPeer {
     AfterReady after_ready = AfterReady::Handshake;
     bool close_in_data = false;
     bool auth_in_clear_only = false;  // AUTH announced before STARTTLS, not after
+    bool offer_pipelining = false;
 };
 
 bool starts_with(const std::string& line, const char* word) {
@@ -50,6 +51,7 @@ LineTlsServer::Handler smtp_peer(SmtpPeer peer) {
                 std::string reply = "250-kemail-test\r\n";
                 if (!c.encrypted() && peer.offer_starttls) reply += "250-STARTTLS\r\n";
                 if (c.encrypted() != peer.auth_in_clear_only) reply += "250-AUTH PLAIN\r\n";
+                if (peer.offer_pipelining) reply += "250-PIPELINING\r\n";
                 c.send(reply + "250 8BITMIME\r\n");
             } else if (starts_with(line, "STARTTLS")) {
                 if (peer.refuse_starttls) {
@@ -345,6 +347,38 @@ TEST_F(TlsSend, ALargeMailWholeAndSplitGoesThroughTls) {
             EXPECT_GE(transactions, 8u) << "pieces of 64 KB";
         }
     }
+}
+
+// With PIPELINING, the groups (a piece's end mark, RSET and the next
+// piece's MAIL FROM, RCPT TO and DATA) go through the TLS session too.
+TEST_F(TlsSend, APipelinedSplitMailGoesThroughTls) {
+    kemail_test::TempDir dir;
+    const std::string path = dir.file("data.bin");
+    std::string data(400 * 1024, '\0');
+    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>((i * 7919) >> 3);
+    kemail_test::write_file(path, data);
+    trust_test_ca("starttls");
+    set("PIPELINING", "1");
+    SmtpPeer peer;
+    peer.offer_pipelining = true;
+    LineTlsServer server(pki_.server_cert(), pki_.server_key(), smtp_peer(peer));
+    Mail mail(server.port());
+    mail.attachments.push_back({KEMAIL_CONTENT_ATTACHMENT, path});
+    mail.split = 1;
+    ASSERT_EQ(mail.send(), KEMAIL_OK) << mail.message;
+    size_t transactions = 0, bytes = 0, resets = 0;
+    for (const std::string& line : server.lines()) {
+        EXPECT_FALSE(starts_with(line, "plain: MAIL")) << line;
+        if (starts_with(line, "tls: (")) {
+            ++transactions;
+            bytes += std::stoul(line.substr(6));
+        }
+        if (starts_with(line, "tls: RSET")) ++resets;
+    }
+    EXPECT_GT(bytes, data.size() * 4 / 3);
+    EXPECT_GE(transactions, 8u) << "pieces of 64 KB";
+    EXPECT_EQ(resets, transactions) << "an RSET after every piece";
+    EXPECT_NE(new_log().find("R: 250-PIPELINING"), std::string::npos);
 }
 
 // After the handshake the connection is a socket like any other: a peer
