@@ -316,14 +316,38 @@ TEST_F(TlsSend, APeerClosingAtTheHandshakeGivesMinus30) {
     EXPECT_EQ(std::string(mail.message).rfind("handshake failed: ", 0), 0u) << mail.message;
 }
 
+// A 400 KB attachment of varied bytes, written to path; its size.
+size_t write_large_attachment(const std::string& path) {
+    std::string data(400 * 1024, '\0');
+    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>((i * 7919) >> 3);
+    kemail_test::write_file(path, data);
+    return data.size();
+}
+
+// What the server took inside TLS: the messages, their bytes and the RSETs;
+// a MAIL FROM in clear fails the test.
+struct TakenInTls {
+    explicit TakenInTls(const std::vector<std::string>& lines) {
+        for (const std::string& line : lines) {
+            EXPECT_FALSE(starts_with(line, "plain: MAIL")) << line;
+            if (starts_with(line, "tls: (")) {
+                ++transactions;
+                bytes += std::stoul(line.substr(6));
+            }
+            if (starts_with(line, "tls: RSET")) ++resets;
+        }
+    }
+    size_t transactions = 0;
+    size_t bytes = 0;
+    size_t resets = 0;
+};
+
 // Message data in many TLS records and writes, whole and in pieces: the
 // send loop and the reply reader work the same over TLS.
 TEST_F(TlsSend, ALargeMailWholeAndSplitGoesThroughTls) {
     kemail_test::TempDir dir;
     const std::string path = dir.file("data.bin");
-    std::string data(400 * 1024, '\0');
-    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>((i * 7919) >> 3);
-    kemail_test::write_file(path, data);
+    const size_t size = write_large_attachment(path);
     trust_test_ca("starttls");
     for (unsigned split : {0u, 1u}) {
         LineTlsServer server(pki_.server_cert(), pki_.server_key(), smtp_peer({}));
@@ -331,20 +355,13 @@ TEST_F(TlsSend, ALargeMailWholeAndSplitGoesThroughTls) {
         mail.attachments.push_back({KEMAIL_CONTENT_ATTACHMENT, path});
         mail.split = split;
         ASSERT_EQ(mail.send(), KEMAIL_OK) << mail.message;
-        size_t transactions = 0, bytes = 0;
-        for (const std::string& line : server.lines()) {
-            EXPECT_FALSE(starts_with(line, "plain: MAIL")) << line;
-            if (starts_with(line, "tls: (")) {
-                ++transactions;
-                bytes += std::stoul(line.substr(6));
-            }
-        }
+        const TakenInTls taken(server.lines());
         // base64 makes 4 bytes of 3, and the lines their CR LF.
-        EXPECT_GT(bytes, data.size() * 4 / 3) << split;
+        EXPECT_GT(taken.bytes, size * 4 / 3) << split;
         if (split == 0) {
-            EXPECT_EQ(transactions, 1u);
+            EXPECT_EQ(taken.transactions, 1u);
         } else {
-            EXPECT_GE(transactions, 8u) << "pieces of 64 KB";
+            EXPECT_GE(taken.transactions, 8u) << "pieces of 64 KB";
         }
     }
 }
@@ -354,9 +371,7 @@ TEST_F(TlsSend, ALargeMailWholeAndSplitGoesThroughTls) {
 TEST_F(TlsSend, APipelinedSplitMailGoesThroughTls) {
     kemail_test::TempDir dir;
     const std::string path = dir.file("data.bin");
-    std::string data(400 * 1024, '\0');
-    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>((i * 7919) >> 3);
-    kemail_test::write_file(path, data);
+    const size_t size = write_large_attachment(path);
     trust_test_ca("starttls");
     set("PIPELINING", "1");
     SmtpPeer peer;
@@ -366,18 +381,10 @@ TEST_F(TlsSend, APipelinedSplitMailGoesThroughTls) {
     mail.attachments.push_back({KEMAIL_CONTENT_ATTACHMENT, path});
     mail.split = 1;
     ASSERT_EQ(mail.send(), KEMAIL_OK) << mail.message;
-    size_t transactions = 0, bytes = 0, resets = 0;
-    for (const std::string& line : server.lines()) {
-        EXPECT_FALSE(starts_with(line, "plain: MAIL")) << line;
-        if (starts_with(line, "tls: (")) {
-            ++transactions;
-            bytes += std::stoul(line.substr(6));
-        }
-        if (starts_with(line, "tls: RSET")) ++resets;
-    }
-    EXPECT_GT(bytes, data.size() * 4 / 3);
-    EXPECT_GE(transactions, 8u) << "pieces of 64 KB";
-    EXPECT_EQ(resets, transactions) << "an RSET after every piece";
+    const TakenInTls taken(server.lines());
+    EXPECT_GT(taken.bytes, size * 4 / 3);
+    EXPECT_GE(taken.transactions, 8u) << "pieces of 64 KB";
+    EXPECT_EQ(taken.resets, taken.transactions) << "an RSET after every piece";
     EXPECT_NE(new_log().find("R: 250-PIPELINING"), std::string::npos);
 }
 
