@@ -84,21 +84,33 @@ private:
 
 enum class Placement { AfterAGuard, BeforeAGuard };
 
+// The input copied into a guarded region of exactly its size, and an output
+// region of exactly out_size bytes, both against a guard on the side asked.
+struct Guarded {
+    Guarded(const std::string& bytes, size_t out_size, Placement where)
+        : in_region(bytes.size()), out_region(out_size) {
+        if (!in_region.ready() || !out_region.ready()) return;
+        const bool head = where == Placement::AfterAGuard;
+        in = head ? in_region.head() : in_region.tail(bytes.size());
+        out = reinterpret_cast<char*>(head ? out_region.head() : out_region.tail(out_size));
+        if (!bytes.empty()) std::memcpy(in, bytes.data(), bytes.size());
+    }
+    GuardedRegion in_region;
+    GuardedRegion out_region;
+    unsigned char* in = nullptr;
+    char* out = nullptr;
+};
+
 std::string encode(Base64Engine engine, const std::string& bytes, Placement where) {
     const size_t length = bytes.size();
     const size_t out_size = 4 * ((length + 2) / 3) + 1;
-    GuardedRegion in_region(length);
-    GuardedRegion out_region(out_size);
-    if (!in_region.ready() || !out_region.ready()) return "(no memory)";
-    unsigned char* in = where == Placement::AfterAGuard ? in_region.head() : in_region.tail(length);
-    char* out = reinterpret_cast<char*>(
-        where == Placement::AfterAGuard ? out_region.head() : out_region.tail(out_size));
-    if (length != 0) std::memcpy(in, bytes.data(), length);
-    const size_t n = kemail::base64_encode(engine, in, length, out);
+    const Guarded at(bytes, out_size, where);
+    if (at.in == nullptr) return "(no memory)";
+    const size_t n = kemail::base64_encode(engine, at.in, length, at.out);
     EXPECT_EQ(n, out_size - 1);
-    EXPECT_EQ(out[n], '\0');
-    EXPECT_EQ(std::memcmp(in, bytes.data(), length), 0) << "the input was changed";
-    return std::string(out, n);
+    EXPECT_EQ(at.out[n], '\0');
+    EXPECT_EQ(std::memcmp(at.in, bytes.data(), length), 0) << "the input was changed";
+    return std::string(at.out, n);
 }
 
 std::string lines(Base64Engine engine, const std::string& bytes, Placement where) {
@@ -107,16 +119,11 @@ std::string lines(Base64Engine engine, const std::string& bytes, Placement where
     // last one.
     const size_t rest = length % 51;
     const size_t out_size = 70 * (length / 51) + (rest == 0 ? 0 : 4 * ((rest + 2) / 3) + 2);
-    GuardedRegion in_region(length);
-    GuardedRegion out_region(out_size);
-    if (!in_region.ready() || !out_region.ready()) return "(no memory)";
-    unsigned char* in = where == Placement::AfterAGuard ? in_region.head() : in_region.tail(length);
-    char* out = reinterpret_cast<char*>(
-        where == Placement::AfterAGuard ? out_region.head() : out_region.tail(out_size));
-    if (length != 0) std::memcpy(in, bytes.data(), length);
-    const size_t n = kemail::base64_lines(in, length, out, engine);
+    const Guarded at(bytes, out_size, where);
+    if (at.in == nullptr) return "(no memory)";
+    const size_t n = kemail::base64_lines(at.in, length, at.out, engine);
     EXPECT_EQ(n, out_size);
-    return std::string(out, n);
+    return std::string(at.out, n);
 }
 
 // The attachment body as it was made before base64_lines: base64_encode on
