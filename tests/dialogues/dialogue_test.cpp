@@ -183,7 +183,12 @@ std::string mask_line_starts(const std::string& text, std::string_view shape,
 std::string mask_log(const std::string& log) {
     std::string masked = mask_line_starts(log, "9999/99/99 99:99:99 ", "<date> <time> ");
     masked = mask_line_starts(masked, "99:99:99 ", "<time> ");
-    masked = replace_all(masked, "[" + std::to_string(getpid()) + "]", "[<pid>]");
+    // Appended rather than "[" + std::to_string(...): GCC 12 at -O2 and above
+    // reports a false -Wrestrict overlap inside operator+(const char*, string&&).
+    std::string pid = "[";
+    pid += std::to_string(getpid());
+    pid += ']';
+    masked = replace_all(masked, pid, "[<pid>]");
     for (const char* command : {"EHLO ", "HELO "})
         masked = replace_all(masked, command + send_test::host_name() + "\r\n",
                              command + std::string("<host>\r\n"));

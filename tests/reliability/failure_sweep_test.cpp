@@ -242,7 +242,12 @@ std::set<int> allowed_results(int call, int mode, Target target) {
 
 std::string join(const std::set<int>& values) {
     std::string text;
-    for (int v : values) text += (text.empty() ? "" : ",") + std::to_string(v);
+    for (int v : values) {
+        // Appended piece by piece: GCC 12 at -O2 and above reports a false
+        // -Wrestrict overlap inside operator+(const char*, string&&).
+        if (!text.empty()) text += ',';
+        text += std::to_string(v);
+    }
     return text;
 }
 
