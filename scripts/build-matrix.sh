@@ -1,6 +1,8 @@
 #!/bin/bash
 # Builds the library and the tools in every build type with GCC and with
-# clang, warnings as errors, tests left out to keep it quick; then checks
+# clang, warnings as errors, tests left out to keep it quick except in GCC's
+# Release build (its optimiser warns about code the other builds accept, such
+# as GCC 12's false -Wrestrict in operator+ of strings); then checks
 # that the public header compiles beside OpenSSL's <openssl/md5.h> with both
 # compilers. Build directories: build-matrix/<compiler>-<type>.
 # Exits non-zero when any build fails; prints one line per build.
@@ -21,10 +23,12 @@ for compiler in "${compilers[@]}"; do
   for type in "${types[@]}"; do
     dir=build-matrix/$compiler-$type
     mkdir -p "$dir"
+    tests=OFF
+    [ "$compiler-$type" = gcc-Release ] && tests=ON
     if { cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE="$type" -DCMAKE_C_COMPILER="$cc" \
-           -DCMAKE_CXX_COMPILER="$cxx" -DKEMAIL_TESTS=OFF -DKEMAIL_WERROR=ON "${launcher[@]}" &&
+           -DCMAKE_CXX_COMPILER="$cxx" -DKEMAIL_TESTS="$tests" -DKEMAIL_WERROR=ON "${launcher[@]}" &&
          cmake --build "$dir" -j "$jobs"; } >"$dir/build.log" 2>&1; then
-      echo "ok      $compiler $type"
+      echo "ok      $compiler $type$([ "$tests" = ON ] && echo ', tests too')"
     else
       echo "FAILED  $compiler $type (log: $dir/build.log)"
       tail -n 20 "$dir/build.log"
