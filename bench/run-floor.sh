@@ -2,7 +2,7 @@
 # Every send case beside its floor, in one table: case | kemail | floor |
 # ratio (kemail ÷ floor), medians over repetitions.
 #
-#   bench/run-floor.sh [--smoke] [--tmpfs] BUILD_DIR [REPETITIONS]
+#   bench/run-floor.sh [--smoke] [--tmpfs | --ext4] BUILD_DIR [REPETITIONS]
 #
 # It runs send_bench in the tests' private root (each BM_Kemail_ case and its
 # BM_Floor_ twin in one process, REPETITIONS times, default 5, in random
@@ -14,24 +14,26 @@
 #
 # The library's work files, trace and mail log go to the private root's
 # directories in /tmp; with --tmpfs to tmpfs instead, which shows how much of
-# a small send's wall time is the file system's (on ext4, unlink and openat
-# can wait for the journal and for discards).
+# a small send's wall time is the file system's; with --ext4 to a fresh ext4
+# made by mkfs.ext4's defaults (with a journal, as Debian's installer makes
+# it) in a loop-mounted image, for a host whose /tmp is something else.
 #
 # --smoke runs the small cases once, briefly, and fails when a floor case or
 # a plain kemail case fails: a check that the benchmarks still work, not a
 # measurement.
 set -euo pipefail
 smoke=0
-tmpfs=0
+files_on=tmp
 while [ $# -gt 0 ]; do
     case $1 in
         --smoke) smoke=1 ;;
-        --tmpfs) tmpfs=1 ;;
+        --tmpfs) files_on=tmpfs ;;
+        --ext4) files_on=ext4 ;;
         *) break ;;
     esac
     shift
 done
-build=$(cd "${1:?usage: run-floor.sh [--smoke] [--tmpfs] BUILD_DIR [REPETITIONS]}" && pwd)
+build=$(cd "${1:?usage: run-floor.sh [--smoke] [--tmpfs | --ext4] BUILD_DIR [REPETITIONS]}" && pwd)
 repetitions=${2:-5}
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 bench="$build/bench/send_bench"
@@ -61,24 +63,38 @@ echo "send_bench: $filter, $repetitions repetitions" >&2
 # in_root COMMAND...: runs COMMAND where the library's fixed directories are
 # fresh temporary ones.
 in_root() {
-    if [ "$tmpfs" = 0 ]; then
-        "$here/../tests/support/private-root.sh" "$@"
-        return
-    fi
+    case $files_on in
+        tmp)
+            "$here/../tests/support/private-root.sh" "$@"
+            return ;;
+        ext4)
+            # Sparse: only what the cases write takes room in /tmp. The loop
+            # device goes with the mount when the namespace ends.
+            truncate -s 2G "$work/ext4.img"
+            mkfs.ext4 -q -F "$work/ext4.img" ;;
+    esac
     unshare --mount --propagation private bash -c '
         set -e
-        mount -t tmpfs -o mode=0755 kemail-bench /etc/opt
-        mount -t tmpfs -o mode=0755 kemail-bench /var/opt
+        if [ "$1" = ext4 ]; then
+            mkdir "$2/ext4"
+            mount -o loop "$2/ext4.img" "$2/ext4"
+            mkdir "$2/ext4/etc" "$2/ext4/var"
+            mount --bind "$2/ext4/etc" /etc/opt
+            mount --bind "$2/ext4/var" /var/opt
+        else
+            mount -t tmpfs -o mode=0755 kemail-bench /etc/opt
+            mount -t tmpfs -o mode=0755 kemail-bench /var/opt
+        fi
         mkdir -p /etc/opt/QRZNvolta /var/opt/QRZNvolta/tmp /var/opt/QRZNvolta/tmp2 \
                  /var/opt/QRZNvolta/log
-        exec "$@"' in-root "$@"
+        shift 2
+        exec "$@"' in-root "$files_on" "$work" "$@"
 }
-if [ "$tmpfs" = 1 ]; then
-    files=tmpfs
-else
-    files="$(df --output=fstype /tmp | tail -n 1) (/tmp)"
-fi
-
+case $files_on in
+    tmp) files="$(df --output=fstype /tmp | tail -n 1) (/tmp)" ;;
+    tmpfs) files=tmpfs ;;
+    ext4) files="ext4 with a journal (a fresh loop-mounted image)" ;;
+esac
 in_root "$bench" --benchmark_filter="$filter" "${options[@]}" \
     --benchmark_out="$work/send.json" --benchmark_out_format=json >"$work/send.txt" 2>&1 || {
     cat "$work/send.txt" >&2
