@@ -15,8 +15,7 @@
 # The library's work files, trace and mail log go to the private root's
 # directories in /tmp; with --tmpfs to tmpfs instead, which shows how much of
 # a small send's wall time is the file system's; with --ext4 to a fresh ext4
-# made by mkfs.ext4's defaults (with a journal, as Debian's installer makes
-# it) in a loop-mounted image, for a host whose /tmp is something else.
+# with a journal (bench/in-root.sh).
 #
 # --smoke runs the small cases once, briefly, and fails when a floor case or
 # a plain kemail case fails: a check that the benchmarks still work, not a
@@ -60,42 +59,14 @@ fi
 
 read -r load_before _ </proc/loadavg
 echo "send_bench: $filter, $repetitions repetitions" >&2
-# in_root COMMAND...: runs COMMAND where the library's fixed directories are
-# fresh temporary ones.
-in_root() {
-    case $files_on in
-        tmp)
-            "$here/../tests/support/private-root.sh" "$@"
-            return ;;
-        ext4)
-            # Sparse: only what the cases write takes room in /tmp. The loop
-            # device goes with the mount when the namespace ends.
-            truncate -s 2G "$work/ext4.img"
-            mkfs.ext4 -q -F "$work/ext4.img" ;;
-    esac
-    unshare --mount --propagation private bash -c '
-        set -e
-        if [ "$1" = ext4 ]; then
-            mkdir "$2/ext4"
-            mount -o loop "$2/ext4.img" "$2/ext4"
-            mkdir "$2/ext4/etc" "$2/ext4/var"
-            mount --bind "$2/ext4/etc" /etc/opt
-            mount --bind "$2/ext4/var" /var/opt
-        else
-            mount -t tmpfs -o mode=0755 kemail-bench /etc/opt
-            mount -t tmpfs -o mode=0755 kemail-bench /var/opt
-        fi
-        mkdir -p /etc/opt/QRZNvolta /var/opt/QRZNvolta/tmp /var/opt/QRZNvolta/tmp2 \
-                 /var/opt/QRZNvolta/log
-        shift 2
-        exec "$@"' in-root "$files_on" "$work" "$@"
-}
 case $files_on in
     tmp) files="$(df --output=fstype /tmp | tail -n 1) (/tmp)" ;;
     tmpfs) files=tmpfs ;;
     ext4) files="ext4 with a journal (a fresh loop-mounted image)" ;;
 esac
-in_root "$bench" --benchmark_filter="$filter" "${options[@]}" \
+fs_option=()
+[ "$files_on" = tmp ] || fs_option=(--"$files_on")
+"$here/in-root.sh" "${fs_option[@]}" "$bench" --benchmark_filter="$filter" "${options[@]}" \
     --benchmark_out="$work/send.json" --benchmark_out_format=json >"$work/send.txt" 2>&1 || {
     cat "$work/send.txt" >&2
     exit 1
