@@ -2,7 +2,8 @@
 // whose names begin with a prefix, the newest keep - 1 stay, so that with
 // the file about to be written keep files remain. A directory that has not
 // changed since a scan that left fewer than keep such files is not listed
-// again: the scan would delete nothing.
+// again, and one whose listing shows fewer than keep is not looked at file by
+// file: the scan would delete nothing.
 #include "log/log.h"
 
 #include "util/format.h"
@@ -13,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <dirent.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -172,13 +174,33 @@ KEMAIL_API int DeleteOldFiles_DIR(const char* pszDir, const char* pszPrefix, con
     if (!dir) return -2;
 
     const size_t prefix_length = std::strlen(pszPrefix);
+    auto matches = [&](const struct dirent* entry) {
+        return entry->d_ino != 0 && std::strlen(entry->d_name) >= prefix_length &&
+               std::strncmp(entry->d_name, pszPrefix, prefix_length) == 0;
+    };
+    struct dirent entry_buffer;
+
+    // Fewer regular files than the keep count are deleted from no position,
+    // whatever their ages: when the listing's types show that, the files need
+    // not be looked at one by one. A link or an entry of unknown type could be
+    // a regular file only stat can tell.
+    uint32_t regular = 0;
+    bool typed = true;
+    while (struct dirent* entry = DirectryRead(dir.get(), &entry_buffer)) {
+        if (!matches(entry)) continue;
+        if (entry->d_type == DT_REG) ++regular;
+        if (entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN) typed = false;
+    }
+    if (typed && regular < ulKeep) {
+        remember_scan(pszDir, pszPrefix, status, started, clock_read, regular);
+        return 0;
+    }
+    rewinddir(dir.get());
+
     OldFileList list;
     bool certain = clock_read;
-    struct dirent entry_buffer;
     while (struct dirent* entry = DirectryRead(dir.get(), &entry_buffer)) {
-        if (entry->d_ino == 0) continue;
-        if (std::strlen(entry->d_name) < prefix_length) continue;
-        if (std::strncmp(entry->d_name, pszPrefix, prefix_length) != 0) continue;
+        if (!matches(entry)) continue;
         if (entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN) certain = false;
         char path[kOldFilePathSize];
         if (format_into(path, sizeof path, Overflow::Refuse, "%s/%s", pszDir, entry->d_name) < 0) {

@@ -23,6 +23,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -582,6 +583,34 @@ TEST(FailureSweepBaseline, TheComposedMailsAreTheExpectedShape) {
     for (int c : {FI_SEND, FI_RECV, FI_SELECT, FI_READ, FI_WRITE, FI_OPEN, FI_LSEEK, FI_STAT,
                   FI_UNLINK, FI_MMAP, FI_MALLOC, FI_SOCKET, FI_CONNECT, FI_CLOSE, FI_TIME})
         EXPECT_GT(split.counts[c], 0) << kCallNames[c] << " is never called";
+}
+
+// The old-file scan that precedes every send's trace file and mail log looks
+// at each matching file (a stat) only when the listing shows that one may
+// have to go: fewer regular files than kept are deleted from no position.
+TEST(OldFileScan, FilesAreLookedAtOnlyWhenOneMayGo) {
+    ASSERT_NE(injector().reset, nullptr);
+    kemail_test::TempDir dir;
+    for (int i = 1; i <= 4; ++i)
+        kemail_test::write_file(dir.file("kesmtp" + std::to_string(i) + ".log"), "x");
+    kemail_test::write_file(dir.file("other.log"), "y");
+    ASSERT_EQ(::mkdir(dir.file("kesmtp-dir").c_str(), 0755), 0);
+
+    ASSERT_EQ(injector().reset(), 0);
+    EXPECT_EQ(DeleteOldFiles_DIR(dir.path().c_str(), "kesmtp", "log", 5, 1), 0);
+    EXPECT_EQ(injector().count(FI_STAT), 1) << "the directory only";
+    EXPECT_EQ(injector().count(FI_UNLINK), 0);
+
+    ASSERT_EQ(injector().reset(), 0);
+    EXPECT_EQ(DeleteOldFiles_DIR(dir.path().c_str(), "kesmtp", "log", 4, 1), 0);
+    EXPECT_EQ(injector().count(FI_STAT), 1 + 5) << "the directory and each matching entry";
+    EXPECT_EQ(injector().count(FI_UNLINK), 1);
+    int left = 0;
+    for (int i = 1; i <= 4; ++i)
+        left += ::access(dir.file("kesmtp" + std::to_string(i) + ".log").c_str(), F_OK) == 0;
+    EXPECT_EQ(left, 3);
+    EXPECT_EQ(::access(dir.file("other.log").c_str(), F_OK), 0);
+    EXPECT_EQ(::access(dir.file("kesmtp-dir").c_str(), F_OK), 0);
 }
 
 TEST_P(FailureSweep, EveryFailedCallEndsAsDesigned) {
