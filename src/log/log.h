@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <ctime>
 
+#include <sys/types.h>
+
 // The trace directory and the mail-log directory.
 #define KEMAIL_TRACE_DIR KEMAIL_VAR_DIR "/tmp2"
 #define KEMAIL_LOG_DIR   KEMAIL_VAR_DIR "/log"
@@ -41,6 +43,21 @@ int Trc_RemoveTemp(int fd, const char* path);
 // Rounds a trace size in KB up to the next multiple of 8 KB strictly above
 // the whole 8 KB units of the request (5 -> 8, 8 -> 16, 100 -> 104).
 uint32_t Trc_RoundSizeKb(uint32_t size_kb);
+
+// ---------------------------------------------------------------------------
+// Ring mappings kept from a Tclose to the next Topen of the same file.
+// ---------------------------------------------------------------------------
+// A mapping Topen made of a file (device, inode) that was at least length
+// bytes long, so that Tclose may keep it. Not followed when the table is
+// full of mappings in use: Tclose then unmaps it.
+void Trc_FollowRing(void* map, size_t length, dev_t device, ino_t inode);
+// The kept mapping of that file with that length, now in use again, or null.
+void* Trc_TakeKeptRing(size_t length, dev_t device, ino_t inode);
+// At Tclose: true when the mapping is followed and now kept (the oldest kept
+// one beyond the limit is unmapped); false when the caller unmaps it.
+bool Trc_KeepRing(void* map, size_t length);
+// The number of mappings kept at most.
+constexpr size_t kKeptRings = 4;
 
 // ---------------------------------------------------------------------------
 // The list of old trace or log files, newest first.

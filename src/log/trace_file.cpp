@@ -1,8 +1,9 @@
 // Opening and closing trace files. Opening sizes the file once (through a
 // temporary copy, keeping the old ring; a file already of its size needs no
-// copy) and maps it shared, so that writes later are plain memory copies; the
-// ring survives a restart under the same name and writing continues where it
-// stopped.
+// copy) and maps it shared, so that writes later are plain memory copies
+// (a file of its size may still be mapped from its last Tclose: see
+// trace_rings.cpp); the ring survives a restart under the same name and
+// writing continues where it stopped.
 #include "log/log.h"
 #include "util/format.h"
 #include "util/unique_fd.h"
@@ -137,13 +138,13 @@ int open_ring(TraceHandle* handle, const char* path, uint32_t requested_kb, uint
     // A file created now has the mode the umask left; an existing one is
     // changed only when it is not 0644 already.
     bool set_mode = true;
+    struct stat status = {};
     UniqueFd file(open_trace_file(path, O_RDWR));
     if (!file.valid()) {
         file.reset(open_trace_file(path, O_RDWR | O_CREAT, 0644));
         if (!file.valid()) return -1;
         is_new = true;
     } else {
-        struct stat status;
         if (::fstat(file.get(), &status) != 0) return -1;
         old_length = status.st_size;
         if (old_length < static_cast<off_t>(trace_format::kHeaderSize)) is_new = true;
@@ -153,7 +154,8 @@ int open_ring(TraceHandle* handle, const char* path, uint32_t requested_kb, uint
 
     const uint32_t size_kb = Trc_RoundSizeKb(requested_kb);
     const size_t size = static_cast<size_t>(size_kb) * 1024;
-    if (!is_new && static_cast<size_t>(old_length) >= size) {
+    const bool sized = !is_new && static_cast<size_t>(old_length) >= size;
+    if (sized) {
         // Already at least the size: the round trip through a temporary copy
         // would write the very bytes it read back, so of it only its mark on
         // the file is made, the modification time that orders the trace
@@ -163,8 +165,13 @@ int open_ring(TraceHandle* handle, const char* path, uint32_t requested_kb, uint
     } else if (size_through_temp(file.get(), path, size_kb) != 0) {
         return -1;
     }
-    void* map = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
-    if (map == MAP_FAILED) return -1;
+    // A file already of its size may still be mapped from the last Tclose.
+    void* map = sized ? Trc_TakeKeptRing(size, status.st_dev, status.st_ino) : nullptr;
+    if (map == nullptr) {
+        map = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
+        if (map == MAP_FAILED) return -1;
+        if (sized) Trc_FollowRing(map, size, status.st_dev, status.st_ino);
+    }
     handle->map = static_cast<unsigned char*>(map);
     handle->size_kb = size_kb;
     handle->level = level;
@@ -198,7 +205,9 @@ KEMAIL_API TraceHandle* Topen(const char* pszPath, unsigned int ulSizeKb,
 KEMAIL_API int Tclose(TraceHandle* pHandle) noexcept {
     if (!pHandle) return -1;
     int result = 0;
-    if (pHandle->map && ::munmap(pHandle->map, static_cast<size_t>(pHandle->size_kb) * 1024) != 0) {
+    const size_t length = static_cast<size_t>(pHandle->size_kb) * 1024;
+    if (pHandle->map && !Trc_KeepRing(pHandle->map, length) &&
+        ::munmap(pHandle->map, length) != 0) {
         result = -1;
     }
     if (pHandle->fd != 0 && ::close(pHandle->fd) != 0) result = -1;
