@@ -67,13 +67,14 @@ namespace {
 // looked at is not remembered: a change made within the same tick of the
 // file system's clock (two seconds on the coarsest ones) could leave the
 // time as it was. A time with digits below the millisecond comes from a file
-// system that keeps finer times; there the tick is the kernel's coarse clock
-// (at most 10 ms at 100 Hz), and a time older than a few such ticks can no
-// longer be repeated by a change made after the look. Nor is a directory
-// remembered where a matching entry is a symbolic link (or of unknown type):
-// its target can come or go without the directory changing.
+// system that keeps finer times; those stamp a change with the kernel's
+// coarse clock (or a finer one) cut to their own grain, finer than a
+// millisecond. So a time more than a millisecond behind the coarse clock read
+// before the look can no longer be repeated by a change made after it. (The
+// fine clock could run up to a tick ahead of the stamps: it would not do.)
+// Nor is a directory remembered where a matching entry is a symbolic link (or
+// of unknown type): its target can come or go without the directory changing.
 constexpr time_t kSettleSeconds = 2;
-constexpr long kFineSettleNanoseconds = 50L * 1000 * 1000;
 constexpr long kMillisecond = 1000L * 1000;
 constexpr size_t kRememberedScans = 2;
 
@@ -95,15 +96,15 @@ bool same_time(const struct timespec& a, const struct timespec& b) {
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
-// True when no change made after started can leave the directory with the
-// modification time it had.
+// True when no change made after started (the coarse clock) can leave the
+// directory with the modification time it had.
 bool settled(const struct timespec& modified, const struct timespec& started) {
     if (modified.tv_sec + kSettleSeconds < started.tv_sec) return true;
     if (modified.tv_nsec % kMillisecond == 0) return false;
     const long long age_ns =
         (static_cast<long long>(started.tv_sec) - modified.tv_sec) * 1000000000LL +
         (started.tv_nsec - modified.tv_nsec);
-    return age_ns > kFineSettleNanoseconds;
+    return age_ns > kMillisecond;
 }
 
 ScanMemory* find_scan(const char* dir, const char* prefix) {
@@ -166,7 +167,7 @@ KEMAIL_API int DeleteOldFiles_DIR(const char* pszDir, const char* pszPrefix, con
     if (ulLevel == 0) return 0;
     if (!pszDir || !pszPrefix) return -1;
     struct timespec started = {};
-    const bool clock_read = ::clock_gettime(CLOCK_REALTIME, &started) == 0;
+    const bool clock_read = ::clock_gettime(CLOCK_REALTIME_COARSE, &started) == 0;
     struct stat status;
     if (FileStat(pszDir, &status) != 0 || !S_ISDIR(status.st_mode)) return -1;
     if (nothing_to_delete(pszDir, pszPrefix, status, ulKeep)) return 0;

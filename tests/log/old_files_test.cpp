@@ -8,6 +8,9 @@
 #include <string>
 #include <vector>
 
+#include <ctime>
+
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -136,6 +139,73 @@ TEST_F(OldFiles, QuietDirectoryStillSeesNewFilesAndSmallerKeepCounts) {
     EXPECT_EQ(DeleteOldFiles(0, "acert", 5, 1), 0);
     EXPECT_EQ(list_dir(trace_dir()),
               (std::vector<std::string>{"acert5.trc", "acert6.trc", "acert7.trc", "acert8.trc"}));
+}
+
+// The directory's modification time, to the nanosecond, offset from the
+// kernel's coarse clock now (the clock file systems stamp changes with).
+struct timespec coarse_now_plus(long long offset_ns) {
+    struct timespec now = {};
+    EXPECT_EQ(::clock_gettime(CLOCK_REALTIME_COARSE, &now), 0);
+    long long ns = static_cast<long long>(now.tv_sec) * 1000000000LL + now.tv_nsec + offset_ns;
+    struct timespec at = {static_cast<time_t>(ns / 1000000000LL),
+                          static_cast<long>(ns % 1000000000LL)};
+    return at;
+}
+
+void set_dir_time(const struct timespec& at) {
+    const struct timespec times[2] = {{0, UTIME_OMIT}, at};
+    ASSERT_EQ(::utimensat(AT_FDCWD, trace_dir().c_str(), times, 0), 0);
+}
+
+// Three old files; a scan keeping 4 finds nothing to delete. Then two more
+// files come while the directory's time is set back to what the scan saw:
+// a scan that trusts its memory deletes nothing, a listing deletes two.
+size_t files_left_after_a_hidden_change(const struct timespec& dir_time) {
+    for (int age : {1, 2, 3}) {
+        const std::string path = trace_dir() + "/acert" + std::to_string(age) + ".trc";
+        write_file(path, "x");
+        set_mtime(path, 1000000 + age * 100);
+    }
+    set_dir_time(dir_time);
+    EXPECT_EQ(DeleteOldFiles(0, "acert", 4, 1), 0);
+    EXPECT_EQ(list_dir(trace_dir()).size(), 3u);
+    for (int age : {4, 5}) {
+        const std::string path = trace_dir() + "/acert" + std::to_string(age) + ".trc";
+        write_file(path, "x");
+        set_mtime(path, 1000000 + age * 100);
+    }
+    set_dir_time(dir_time);
+    EXPECT_EQ(DeleteOldFiles(0, "acert", 4, 1), 0);
+    return list_dir(trace_dir()).size();
+}
+
+// Times finer than a millisecond: the file system stamps with the kernel's
+// coarse clock, so a time some milliseconds behind it cannot come again.
+TEST_F(OldFiles, ADirectoryUnchangedSinceAnEarlierTickIsNotListedAgain) {
+    struct timespec earlier = coarse_now_plus(-20 * 1000 * 1000);
+    if (earlier.tv_nsec % 1000000 == 0) earlier.tv_nsec += 1;
+    EXPECT_EQ(files_left_after_a_hidden_change(earlier), 5u);
+    // Any change of the time is seen: the directory is listed again.
+    earlier.tv_nsec += 1;
+    set_dir_time(earlier);
+    EXPECT_EQ(DeleteOldFiles(0, "acert", 4, 1), 0);
+    EXPECT_EQ(list_dir(trace_dir()),
+              (std::vector<std::string>{"acert3.trc", "acert4.trc", "acert5.trc"}));
+}
+
+// A finer clock than the coarse one may stamp a change ahead of it; a change
+// after the look could then bear the same time.
+TEST_F(OldFiles, ADirectoryStampedAheadOfTheCoarseClockIsListedAgain) {
+    struct timespec ahead = coarse_now_plus(100 * 1000 * 1000);
+    if (ahead.tv_nsec % 1000000 == 0) ahead.tv_nsec += 1;
+    EXPECT_EQ(files_left_after_a_hidden_change(ahead), 3u);
+}
+
+// Whole milliseconds: a file system whose tick may be two seconds long.
+TEST_F(OldFiles, ACoarselyStampedDirectoryChangedInTheLastSecondsIsListedAgain) {
+    struct timespec recent = coarse_now_plus(-500LL * 1000 * 1000);
+    recent.tv_nsec -= recent.tv_nsec % 1000000;
+    EXPECT_EQ(files_left_after_a_hidden_change(recent), 3u);
 }
 
 // A symbolic link's target can change without the directory changing: a
