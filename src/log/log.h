@@ -53,9 +53,10 @@ uint32_t Trc_RoundSizeKb(uint32_t size_kb);
 void Trc_FollowRing(void* map, size_t length, dev_t device, ino_t inode);
 // The kept mapping of that file with that length, now in use again, or null.
 void* Trc_TakeKeptRing(size_t length, dev_t device, ino_t inode);
-// At Tclose: true when the mapping is followed and now kept (the oldest kept
-// one beyond the limit is unmapped); false when the caller unmaps it.
-bool Trc_KeepRing(void* map, size_t length);
+// At Tclose: 1 when the mapping is followed and now kept (the oldest kept
+// one beyond the limit is unmapped), -1 when unmapping that one failed; 0
+// when the mapping is not followed and the caller unmaps it.
+int Trc_KeepRing(void* map, size_t length);
 // The number of mappings kept at most.
 constexpr size_t kKeptRings = 4;
 

@@ -205,10 +205,10 @@ KEMAIL_API TraceHandle* Topen(const char* pszPath, unsigned int ulSizeKb,
 KEMAIL_API int Tclose(TraceHandle* pHandle) noexcept {
     if (!pHandle) return -1;
     int result = 0;
-    const size_t length = static_cast<size_t>(pHandle->size_kb) * 1024;
-    if (pHandle->map && !Trc_KeepRing(pHandle->map, length) &&
-        ::munmap(pHandle->map, length) != 0) {
-        result = -1;
+    if (pHandle->map) {
+        const size_t length = static_cast<size_t>(pHandle->size_kb) * 1024;
+        const int kept = Trc_KeepRing(pHandle->map, length);
+        if (kept < 0 || (kept == 0 && ::munmap(pHandle->map, length) != 0)) result = -1;
     }
     if (pHandle->fd != 0 && ::close(pHandle->fd) != 0) result = -1;
     Trc_DestroyLock();

@@ -37,9 +37,12 @@ Ring g_rings[kRingSlots];
 uint64_t g_keep_count = 0;
 pthread_mutex_t g_rings_lock = PTHREAD_MUTEX_INITIALIZER;
 
-void release(Ring& ring) {
-    ::munmap(ring.map, ring.length);
+// The slot is freed even when munmap fails: the mapping is then lost to
+// the process, which is all a retry could make of it.
+bool release(Ring& ring) {
+    const bool unmapped = ::munmap(ring.map, ring.length) == 0;
     ring = Ring{};
+    return unmapped;
 }
 
 Ring* oldest_kept_beyond_limit() {
@@ -57,7 +60,8 @@ struct ReleaseAtUnload {
     ~ReleaseAtUnload() {
         const MutexLock lock(g_rings_lock);
         for (Ring& ring : g_rings) {
-            if (ring.map != nullptr && ring.kept_since != 0) release(ring);
+            // Nobody to tell at unloading if munmap fails.
+            if (ring.map != nullptr && ring.kept_since != 0) (void)release(ring);
         }
     }
 };
@@ -87,15 +91,15 @@ void* Trc_TakeKeptRing(size_t length, dev_t device, ino_t inode) {
     return nullptr;
 }
 
-bool Trc_KeepRing(void* map, size_t length) {
+int Trc_KeepRing(void* map, size_t length) {
     const MutexLock lock(g_rings_lock);
     for (Ring& ring : g_rings) {
         if (ring.map != map || ring.length != length || ring.kept_since != 0) continue;
         ring.kept_since = ++g_keep_count;
-        if (Ring* oldest = oldest_kept_beyond_limit()) release(*oldest);
-        return true;
+        Ring* oldest = oldest_kept_beyond_limit();
+        return oldest == nullptr || release(*oldest) ? 1 : -1;
     }
-    return false;
+    return 0;
 }
 
 }  // namespace kemail
