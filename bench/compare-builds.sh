@@ -51,25 +51,25 @@ for run in $(seq "$runs"); do
     done
 done
 
-python3 - "$work" "$runs" "${builds[@]}" <<'PY'
-import json
+PYTHONPATH="$here" PYTHONDONTWRITEBYTECODE=1 python3 - "$work" "$runs" "$case_name" "${builds[@]}" <<'PY'
 import statistics
 import sys
 
-work, runs, builds = sys.argv[1], int(sys.argv[2]), sys.argv[3:]
-to_ms = {"ns": 1e-6, "us": 1e-3, "ms": 1.0, "s": 1e3}
+from bench_results import cpu_ms, floor_scale, lookup, medians, wall_ms
+
+work, runs, case_name, builds = sys.argv[1], int(sys.argv[2]), sys.argv[3], sys.argv[4:]
 
 
-def medians(path):
-    found = {}
-    for b in json.load(open(path))["benchmarks"]:
-        if b.get("error_occurred"):
-            sys.exit(f"{path}: {b['run_name']}: {b.get('error_message', 'failed')}")
-        if b.get("aggregate_name") == "median":
-            found["kemail" if b["run_name"].startswith("BM_Kemail_") else "floor"] = b
-    if set(found) != {"kemail", "floor"}:
+def case_and_floor(path):
+    found = medians(path)
+    kemail = lookup(found, f"BM_Kemail_{case_name}")
+    floor = lookup(found, f"BM_Floor_{case_name}")
+    if kemail is None or floor is None:
         sys.exit(f"{path}: the case or its floor did not run")
-    return found["kemail"], found["floor"]
+    for run in (kemail, floor):
+        if "error" in run:
+            sys.exit(f"{path}: {run['error']}")
+    return kemail, floor
 
 
 def fmt(ms):
@@ -81,11 +81,10 @@ print(f"{'build':<40} {'run':>3} {'kemail':>10} {'floor':>10} {'ratio':>6} "
       f"{'CPU':>10} {'floor':>10} {'ratio':>6}")
 for run in range(1, runs + 1):
     for index, build in enumerate(builds):
-        kemail, floor = medians(f"{work}/run{run}-build{index}.json")
-        scale = kemail["pieces"] / floor["pieces"] if floor.get("pieces") else 1.0
-        wall_k = kemail["real_time"] * to_ms[kemail["time_unit"]]
-        wall_f = floor["real_time"] * to_ms[floor["time_unit"]] * scale
-        cpu_k, cpu_f = kemail["cpu_s"] * 1e3, floor["cpu_s"] * 1e3 * scale
+        kemail, floor = case_and_floor(f"{work}/run{run}-build{index}.json")
+        scale = floor_scale(kemail, floor)
+        wall_k, wall_f = wall_ms(kemail), wall_ms(floor) * scale
+        cpu_k, cpu_f = cpu_ms(kemail), cpu_ms(floor) * scale
         ratios[build].append(wall_k / wall_f)
         print(f"{build[-40:]:<40} {run:>3} {fmt(wall_k):>10} {fmt(wall_f):>10} {wall_k / wall_f:>6.3f} "
               f"{fmt(cpu_k):>10} {fmt(cpu_f):>10} {cpu_k / cpu_f:>6.3f}")

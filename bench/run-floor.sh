@@ -79,41 +79,13 @@ echo "startup.sh: $startup_runs runs" >&2
 read -r load_after _ </proc/loadavg
 echo "load average (1 min) $load_before before, $load_after after, on $(nproc) CPUs;" \
     "work files, trace and mail log on $files"
-python3 - "$work" "$smoke" <<'EOF'
-import json
+PYTHONPATH="$here" PYTHONDONTWRITEBYTECODE=1 python3 - "$work" "$smoke" <<'EOF'
 import sys
 
+from bench_results import cpu_ms, floor_scale, is_split, lookup, medians, wall_ms
+
 work, smoke = sys.argv[1], sys.argv[2] == "1"
-runs = json.load(open(f"{work}/send.json"))["benchmarks"]
-to_ms = {"ns": 1e-6, "us": 1e-3, "ms": 1.0, "s": 1e3}
-
-# Per run name: the median aggregate when there is one (repetitions), else
-# the single run; an errored run gives its message.
-found = {}
-for run in runs:
-    name = run.get("run_name", run["name"])
-    if run.get("error_occurred"):
-        found.setdefault(name, {"error": run.get("error_message", "failed")})
-    elif run.get("run_type") == "aggregate":
-        if run.get("aggregate_name") == "median":
-            found[name] = run
-    elif name not in found or "error" in found[name]:
-        found[name] = run
-
-
-def lookup(prefix):
-    for name, run in found.items():
-        if name == prefix or name.startswith(prefix + "/"):
-            return run
-    return None
-
-
-def wall_ms(run):
-    return run["real_time"] * to_ms[run["time_unit"]]
-
-
-def cpu_ms(run):
-    return run["cpu_s"] * 1e3
+found = medians(f"{work}/send.json")
 
 
 def fmt(ms):
@@ -125,8 +97,8 @@ failures = []
 
 
 def pair(label, case, unit_note=""):
-    kemail = lookup(f"BM_Kemail_{case}")
-    floor = lookup(f"BM_Floor_{case}")
+    kemail = lookup(found, f"BM_Kemail_{case}")
+    floor = lookup(found, f"BM_Floor_{case}")
     if floor is None or kemail is None:
         return  # not in this run's filter
     if "error" in floor:
@@ -139,11 +111,9 @@ def pair(label, case, unit_note=""):
         rows.append((f"{label}, wall", kemail["error"], fmt(wall_ms(floor)), "–"))
         rows.append((f"{label}, CPU", "skipped", fmt(cpu_ms(floor)), "–"))
         return
-    scale = 1.0
+    scale = floor_scale(kemail, floor)
     note = unit_note
-    if "pieces" in kemail and "pieces" in floor and floor["pieces"] > 0:
-        # The floor's cost a piece times the library's number of pieces.
-        scale = kemail["pieces"] / floor["pieces"]
+    if is_split(kemail, floor):
         note = (f" ({kemail['pieces']:.0f} pieces; floor {floor['pieces']:.0f} pieces,"
                 f" {floor['round_trips'] / floor['pieces']:.0f} round trips each, scaled)")
     for what, value in (("wall", wall_ms), ("CPU", cpu_ms)):
@@ -185,7 +155,8 @@ if len(startup) == 3:
 for label, case in (("100 MiB whole", "HundredMiBWhole"), ("one small mail", "OneSmall")):
     cells = []
     for side in ("Kemail", "Floor"):
-        tls, plain = lookup(f"BM_{side}_{case}/starttls"), lookup(f"BM_{side}_{case}/plain")
+        tls = lookup(found, f"BM_{side}_{case}/starttls")
+        plain = lookup(found, f"BM_{side}_{case}/plain")
         ok = tls and plain and "error" not in tls and "error" not in plain
         cells.append(f"{wall_ms(tls) / wall_ms(plain):.2f}" if ok else "–")
     if cells != ["–", "–"]:
