@@ -3,7 +3,7 @@
 # and one after it), the builds taking turns run after run so that each sees
 # the same drift of the machine's state:
 #
-#   bench/compare-builds.sh [--tmpfs | --ext4] [--runs N] CASE BUILD_DIR...
+#   bench/compare-builds.sh [--tmpfs | --ext4] [--settle] [--runs N] CASE BUILD_DIR...
 #
 # CASE is a send_bench case without its BM_Kemail_/BM_Floor_ prefix, for
 # example HundredMiBSplit/plain or ThousandSmall/plain. Each run is one
@@ -12,19 +12,22 @@
 # (wall of kemail and of the floor, scaled to the same number of pieces for
 # split cases, and their ratio, and the same for CPU), then per build the
 # median and the range of the ratios. The file-system options are those of
-# bench/in-root.sh.
+# bench/in-root.sh; --settle lets the file system settle before each process
+# (bench/settle.sh), so that no run inherits the files an earlier one deleted.
 set -euo pipefail
 fs_option=()
 runs=6
+settle=0
 while [ $# -gt 0 ]; do
     case $1 in
         --tmpfs | --ext4) fs_option=("$1") ;;
+        --settle) settle=1 ;;
         --runs) runs=${2:?--runs needs a number}; shift ;;
         *) break ;;
     esac
     shift
 done
-[ $# -ge 2 ] || { echo "usage: compare-builds.sh [--tmpfs | --ext4] [--runs N] CASE BUILD_DIR..." >&2; exit 2; }
+[ $# -ge 2 ] || { echo "usage: compare-builds.sh [--tmpfs | --ext4] [--settle] [--runs N] CASE BUILD_DIR..." >&2; exit 2; }
 case_name=$1
 shift
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -41,6 +44,7 @@ filter="^BM_(Kemail|Floor)_${case_name}(/|\$)"
 for run in $(seq "$runs"); do
     for index in "${!builds[@]}"; do
         out="$work/run$run-build$index.json"
+        [ "$settle" = 0 ] || "$here/settle.sh"
         "$here/in-root.sh" "${fs_option[@]}" "${builds[$index]}/bench/send_bench" \
             --benchmark_filter="$filter" --benchmark_repetitions=5 \
             --benchmark_report_aggregates_only=true --benchmark_enable_random_interleaving=true \

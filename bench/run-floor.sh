@@ -2,7 +2,7 @@
 # Every send case beside its floor, in one table: case | kemail | floor |
 # ratio (kemail ÷ floor), medians over repetitions.
 #
-#   bench/run-floor.sh [--smoke] [--tmpfs | --ext4] BUILD_DIR [REPETITIONS]
+#   bench/run-floor.sh [--smoke] [--tmpfs | --ext4] [--settle] BUILD_DIR [REPETITIONS]
 #
 # It runs send_bench in the tests' private root (each BM_Kemail_ case and its
 # BM_Floor_ twin in one process, REPETITIONS times, default 5, in random
@@ -15,24 +15,28 @@
 # The library's work files, trace and mail log go to the private root's
 # directories in /tmp; with --tmpfs to tmpfs instead, which shows how much of
 # a small send's wall time is the file system's; with --ext4 to a fresh ext4
-# with a journal (bench/in-root.sh).
+# with a journal (bench/in-root.sh). --settle lets the file system settle
+# first (bench/settle.sh), so that the run does not pay for files deleted
+# just before it.
 #
 # --smoke runs the small cases once, briefly, and fails when a floor case or
 # a plain kemail case fails: a check that the benchmarks still work, not a
 # measurement.
 set -euo pipefail
 smoke=0
+settle=0
 files_on=tmp
 while [ $# -gt 0 ]; do
     case $1 in
         --smoke) smoke=1 ;;
+        --settle) settle=1 ;;
         --tmpfs) files_on=tmpfs ;;
         --ext4) files_on=ext4 ;;
         *) break ;;
     esac
     shift
 done
-build=$(cd "${1:?usage: run-floor.sh [--smoke] [--tmpfs | --ext4] BUILD_DIR [REPETITIONS]}" && pwd)
+build=$(cd "${1:?usage: run-floor.sh [--smoke] [--tmpfs | --ext4] [--settle] BUILD_DIR [REPETITIONS]}" && pwd)
 repetitions=${2:-5}
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 bench="$build/bench/send_bench"
@@ -57,10 +61,22 @@ else
     startup_runs=200
 fi
 
+[ "$settle" = 0 ] || "$here/settle.sh"
 read -r load_before _ </proc/loadavg
 echo "send_bench: $filter, $repetitions repetitions" >&2
 case $files_on in
-    tmp) files="$(df --output=fstype /tmp | tail -n 1) (/tmp)" ;;
+    tmp)
+        files="$(df --output=fstype /tmp | tail -n 1)"
+        if [ "$files" = ext4 ]; then
+            # A journal shows as a jbd2 entry named after the device.
+            device=$(basename "$(findmnt -n -o SOURCE -T /tmp)")
+            if compgen -G "/proc/fs/jbd2/$device-*" >/dev/null; then
+                files="ext4 with a journal"
+            else
+                files="ext4 without a journal"
+            fi
+        fi
+        files="$files (/tmp)" ;;
     tmpfs) files=tmpfs ;;
     ext4) files="ext4 with a journal (a fresh loop-mounted image)" ;;
 esac
@@ -78,7 +94,7 @@ echo "startup.sh: $startup_runs runs" >&2
 
 read -r load_after _ </proc/loadavg
 echo "load average (1 min) $load_before before, $load_after after, on $(nproc) CPUs;" \
-    "work files, trace and mail log on $files"
+    "work files, trace and mail log on $files$([ "$settle" = 0 ] || echo ', settled first')"
 PYTHONPATH="$here" PYTHONDONTWRITEBYTECODE=1 python3 - "$work" "$smoke" <<'EOF'
 import sys
 
