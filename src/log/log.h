@@ -26,6 +26,18 @@ int Trc_DestroyLock();
 int Trc_Lock();
 int Trc_Unlock();
 
+// ---------------------------------------------------------------------------
+// Around a fork: the trace's locks, the kept rings' and the old-file scans'
+// are held while the process forks, so that the child does not start with
+// one held by a thread it does not have. Release runs in parent and child.
+// ---------------------------------------------------------------------------
+void Trc_HoldForFork();
+void Trc_ReleaseAfterFork();
+void Trc_HoldRingsForFork();
+void Trc_ReleaseRingsAfterFork();
+void DeleteOldFiles_HoldForFork();
+void DeleteOldFiles_ReleaseAfterFork();
+
 // Puts count bytes into the ring at the handle's write offset, wrapping to
 // offset 4, and advances the offset. The caller holds the lock and has
 // checked that the offset lies in 4..size.

@@ -151,6 +151,10 @@ void remember_scan(const char* dir, const char* prefix, const struct stat& statu
 
 }  // namespace
 
+void DeleteOldFiles_HoldForFork() { pthread_mutex_lock(&g_scans_lock); }
+
+void DeleteOldFiles_ReleaseAfterFork() { pthread_mutex_unlock(&g_scans_lock); }
+
 }  // namespace kemail
 
 using namespace kemail;

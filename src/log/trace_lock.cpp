@@ -42,4 +42,16 @@ int Trc_Lock() { return pthread_mutex_lock(&g_cs); }
 
 int Trc_Unlock() { return pthread_mutex_unlock(&g_cs); }
 
+// g_cs exists only while a handle uses it; the count cannot change while its
+// guard is held, so the guard is taken first and let go last.
+void Trc_HoldForFork() {
+    pthread_mutex_lock(&s_users_guard);
+    if (s_users > 0) pthread_mutex_lock(&g_cs);
+}
+
+void Trc_ReleaseAfterFork() {
+    if (s_users > 0) pthread_mutex_unlock(&g_cs);
+    pthread_mutex_unlock(&s_users_guard);
+}
+
 }  // namespace kemail

@@ -69,6 +69,10 @@ ReleaseAtUnload g_release_at_unload;
 
 }  // namespace
 
+void Trc_HoldRingsForFork() { pthread_mutex_lock(&g_rings_lock); }
+
+void Trc_ReleaseRingsAfterFork() { pthread_mutex_unlock(&g_rings_lock); }
+
 void Trc_FollowRing(void* map, size_t length, dev_t device, ino_t inode) {
     const MutexLock lock(g_rings_lock);
     for (Ring& ring : g_rings) {

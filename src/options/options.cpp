@@ -185,6 +185,10 @@ void reset() noexcept {
     g_file = Layer{};
 }
 
+void hold_for_fork() noexcept { pthread_mutex_lock(&g_lock); }
+
+void release_after_fork() noexcept { pthread_mutex_unlock(&g_lock); }
+
 }  // namespace kemail::options
 
 extern "C" KEMAIL_API int ZvKe_SetOption(const char* key, const char* value) noexcept {

@@ -53,4 +53,10 @@ Settings current() noexcept;
 // Forgets every override and every value read from the file.
 void reset() noexcept;
 
+// Hold the settings' lock while the process forks (so that the child does
+// not start with it held by a thread it does not have) and release it after,
+// in parent and child.
+void hold_for_fork() noexcept;
+void release_after_fork() noexcept;
+
 }  // namespace kemail::options

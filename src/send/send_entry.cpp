@@ -4,6 +4,7 @@
 
 #include "log/log.h"
 #include "log/trace_record.h"
+#include "send/send_internal.h"
 #include "util/paths.h"
 #include "util/format.h"
 
@@ -24,11 +25,11 @@ bool take_busy_flag() {
         .compare_exchange_strong(idle, 1, std::memory_order_acquire);
 }
 
-void release_busy_flag() {
+}  // namespace
+
+void kemail::release_busy_flag() {
     std::atomic_ref<uint32_t>(g_ulSendBusy).store(0, std::memory_order_release);
 }
-
-}  // namespace
 
 extern "C" {
 
@@ -66,7 +67,7 @@ KEMAIL_API int ZvKe_SendEMail(MailAddressInfo* pstAddress, int lAddressCount,
     // The handles are freed: nothing may trace or log through them any more.
     g_trace = nullptr;
     g_pLogHandle = nullptr;
-    release_busy_flag();
+    kemail::release_busy_flag();
     return result;
 }
 

@@ -171,4 +171,7 @@ int run_session(const SendPlan& plan, ComposedMessage& composed, int warning);
 // buffer.
 void put_number(char* message, unsigned value);
 
+// Ends the mark of a running send that ZvKe_SendEMail set (the busy flag).
+void release_busy_flag();
+
 }  // namespace kemail

@@ -25,4 +25,10 @@ bool attach(int fd, TlsSession* session) noexcept;
 // clear. Call before closing the socket.
 void release(int fd) noexcept;
 
+// Hold the registry's lock while the process forks (so that the child does
+// not start with it held by a thread it does not have) and release it after,
+// in parent and child.
+void hold_for_fork() noexcept;
+void release_after_fork() noexcept;
+
 }  // namespace kemail::tls
