@@ -89,6 +89,16 @@ struct Credentials {
     char password[KEMAIL_MAX_PASSWORD + 1];
 };
 
+// An encoded AUTH string on the stack, cleared when it goes.
+template <size_t N>
+struct SecretText {
+    SecretText() = default;
+    SecretText(const SecretText&) = delete;
+    SecretText& operator=(const SecretText&) = delete;
+    ~SecretText() { explicit_bzero(text, sizeof text); }
+    char text[N] = {};
+};
+
 // A response line "%s\r\n"; the encoded texts always fit the command buffer.
 int format_response(const char* encoded) { return format_command("%s\r\n", encoded); }
 
@@ -173,12 +183,12 @@ KEMAIL_API int SMTP_authCramMd5(int lSock, const AuthCertInfo* pstCert,
     const ReplyText reply(s_szRecvBuf);
     const char* challenge = reply.length > 4 ? reply.text + 4 : "";
     const Credentials credentials(pstCert);
-    char response[kemail::auth::kCramOutputSize];
-    Auth_GetCertCramString(credentials.user, credentials.password, challenge, response);
+    SecretText<kemail::auth::kCramOutputSize> response;
+    Auth_GetCertCramString(credentials.user, credentials.password, challenge, response.text);
     // Kept: the response, a function of the password, is traced at level 2
     // (test AuthDialogue.TheTraceCarriesTheAuthStrings).
-    trace_text(g_trace, 2, "INCRAM0020", response);
-    return exchange(lSock, format_response(response), kCramResponse, pulErr, kHiddenPassword);
+    trace_text(g_trace, 2, "INCRAM0020", response.text);
+    return exchange(lSock, format_response(response.text), kCramResponse, pulErr, kHiddenPassword);
 }
 
 // The initial response travels in the command itself.
@@ -188,12 +198,12 @@ KEMAIL_API int SMTP_authPlain(int lSock, const AuthCertInfo* pstCert,
     if (!pulErr) pulErr = &scratch;
     trace(g_trace, 1, "INPLAN0000");
     const Credentials credentials(pstCert);
-    char encoded[kemail::auth::kPlainOutputSize];
-    Auth_GetCertPlainString(credentials.user, credentials.password, encoded);
+    SecretText<kemail::auth::kPlainOutputSize> encoded;
+    Auth_GetCertPlainString(credentials.user, credentials.password, encoded.text);
     // Kept: the PLAIN string carries the password in base64 and is traced at
     // level 2 (test AuthDialogue.TheTraceCarriesTheAuthStrings).
-    trace_text(g_trace, 2, "INPLAN0005", encoded);
-    return exchange(lSock, format_command("AUTH PLAIN %s\r\n", encoded), kPlain, pulErr,
+    trace_text(g_trace, 2, "INPLAN0005", encoded.text);
+    return exchange(lSock, format_command("AUTH PLAIN %s\r\n", encoded.text), kPlain, pulErr,
                     "AUTH PLAIN ******");
 }
 
@@ -208,16 +218,16 @@ KEMAIL_API int SMTP_authLogin(int lSock, const AuthCertInfo* pstCert,
 
     const Credentials credentials(pstCert);
     char user[kemail::auth::kLoginOutputSize];
-    char password[kemail::auth::kLoginOutputSize];
-    Auth_GetCertLoginString(credentials.user, credentials.password, user, password);
+    SecretText<kemail::auth::kLoginOutputSize> password;
+    Auth_GetCertLoginString(credentials.user, credentials.password, user, password.text);
     // Kept: the encoded user and password are traced at level 2 (test
     // AuthDialogue.TheTraceCarriesTheAuthStrings).
     trace_text(g_trace, 2, "INLGIN0025", user);
-    trace_text(g_trace, 2, "INLGIN0030", password);
+    trace_text(g_trace, 2, "INLGIN0030", password.text);
 
     result = exchange(lSock, format_response(user), kLoginUser, pulErr);
     if (result != 0) return result;
-    return exchange(lSock, format_response(password), kLoginPassword, pulErr, kHiddenPassword);
+    return exchange(lSock, format_response(password.text), kLoginPassword, pulErr, kHiddenPassword);
 }
 
 }  // extern "C"

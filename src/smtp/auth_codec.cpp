@@ -110,6 +110,10 @@ KEMAIL_API void hmac_md5(const unsigned char* pText, int lTextLen, const unsigne
     MD5Update(&context, outer_pad, kHmacBlock);
     MD5Update(&context, digest, 16);
     MD5Final(digest, &context);
+    // The pads are the key (the password) in light disguise.
+    explicit_bzero(inner_pad, sizeof inner_pad);
+    explicit_bzero(outer_pad, sizeof outer_pad);
+    explicit_bzero(key_digest, sizeof key_digest);
 }
 
 }  // extern "C"

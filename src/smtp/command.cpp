@@ -34,11 +34,22 @@ void log_reply(const char* trace_code) {
     trace_data(g_trace, 2, trace_code, reply.text, reply.length);
 }
 
+namespace {
+
+// A line the log may not show (a password or AUTH string) leaves the
+// command buffer once it is sent and traced.
+void forget_secret_line(const char* logged) {
+    if (logged != nullptr) explicit_bzero(s_szSendBuf, sizeof s_szSendBuf);
+}
+
+}  // namespace
+
 int exchange(int sock, int length, const ExchangeCodes& codes, unsigned int* pulErr,
              const char* logged) {
     if (codes.restarts_clock) SMTP_SetStartTime();
     const int result = SMTP_send(sock, s_szSendBuf, length, pulErr);
     if (result != 0) {
+        forget_secret_line(logged);
         trace_word(g_trace, 0, codes.not_sent, *pulErr);
         return result;
     }
@@ -55,6 +66,7 @@ int exchange_after_send(int sock, const ExchangeCodes& codes, unsigned int* pulE
             trace_text(g_trace, codes.sent_level, codes.sent, s_szSendBuf);
         }
     }
+    forget_secret_line(logged);
     if (!codes.reply) return 0;
 
     const int result = SMTP_returnMessage(sock, s_szRecvBuf, KEMAIL_RECV_BUF_SIZE, pulErr);
