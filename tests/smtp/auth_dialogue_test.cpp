@@ -18,12 +18,6 @@ using kemail_test::Script;
 using kemail_test::ScriptServer;
 using namespace smtp_test;
 
-// RFC 2195's example credentials.
-constexpr char kUser[] = "tim";
-constexpr char kPassword[] = "tanstaaftanstaaf";
-constexpr char kChallenge[] = "334 PDE4OTYuNjk3MTcwOTUyQHBvc3RvZmZpY2UucmVzdG9uLm1jaS5uZXQ+\r\n";
-constexpr char kCramResponse[] = "dGltIGI5MTNhNjAyYzdlZGE3YTQ5NWI0ZTZlNzMzNGQzODkw\r\n";
-constexpr char kPlainCommand[] = "AUTH PLAIN dGltAHRpbQB0YW5zdGFhZnRhbnN0YWFm\r\n";
 constexpr char kAllMechanisms[] = "250-AUTH LOGIN PLAIN CRAM-MD5\r\n";
 
 class AuthDialogue : public ::testing::Test {

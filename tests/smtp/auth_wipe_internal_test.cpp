@@ -12,12 +12,10 @@ using kemail_test::Script;
 using kemail_test::ScriptServer;
 using namespace smtp_test;
 
-// RFC 2195's example credentials and the strings made of them.
-constexpr char kUser[] = "tim";
-constexpr char kPassword[] = "tanstaaftanstaaf";
-constexpr char kChallenge[] = "334 PDE4OTYuNjk3MTcwOTUyQHBvc3RvZmZpY2UucmVzdG9uLm1jaS5uZXQ+\r\n";
-constexpr char kCramResponse[] = "dGltIGI5MTNhNjAyYzdlZGE3YTQ5NWI0ZTZlNzMzNGQzODkw";
-constexpr char kPlainString[] = "dGltAHRpbQB0YW5zdGFhZnRhbnN0YWFm";
+// The secret lines' texts without their line ends; the LOGIN password is
+// the base64 of RFC 2195's example password.
+const std::string kCramString(kCramResponse, sizeof kCramResponse - 3);
+const std::string kPlainString(kPlainCommand + 11, sizeof kPlainCommand - 14);
 constexpr char kLoginPassword[] = "dGFuc3RhYWZ0YW5zdGFhZg==";
 
 class AuthWipe : public ::testing::Test {
@@ -41,7 +39,7 @@ protected:
         return result;
     }
 
-    static bool buffer_holds(const char* secret) {
+    static bool buffer_holds(const std::string& secret) {
         const std::string buffer(s_szSendBuf, sizeof s_szSendBuf);
         return buffer.find(secret) != std::string::npos;
     }
@@ -54,7 +52,7 @@ TEST_F(AuthWipe, ThePlainStringLeavesTheCommandBuffer) {
         std::vector<std::string> records;
         authenticate(KEMAIL_MECH_PLAIN, script, &records);
         ASSERT_EQ(records.size(), 2u);
-        EXPECT_EQ(records[1], std::string("AUTH PLAIN ") + kPlainString + "\r\n") << answer;
+        EXPECT_EQ(records[1], kPlainCommand) << answer;
         EXPECT_FALSE(buffer_holds(kPlainString)) << answer;
     }
 }
@@ -88,8 +86,8 @@ TEST_F(AuthWipe, TheCramResponseLeavesTheCommandBuffer) {
         std::vector<std::string> records;
         authenticate(KEMAIL_MECH_CRAM_MD5, script, &records);
         ASSERT_EQ(records.size(), 3u);
-        EXPECT_EQ(records[2], std::string(kCramResponse) + "\r\n") << answer;
-        EXPECT_FALSE(buffer_holds(kCramResponse)) << answer;
+        EXPECT_EQ(records[2], kCramResponse) << answer;
+        EXPECT_FALSE(buffer_holds(kCramString)) << answer;
     }
 }
 

@@ -38,6 +38,14 @@ struct Client {
     int sock = -1;
 };
 
+// RFC 2195's example credentials, its challenge, and the lines made of them.
+inline constexpr char kUser[] = "tim";
+inline constexpr char kPassword[] = "tanstaaftanstaaf";
+inline constexpr char kChallenge[] =
+    "334 PDE4OTYuNjk3MTcwOTUyQHBvc3RvZmZpY2UucmVzdG9uLm1jaS5uZXQ+\r\n";
+inline constexpr char kCramResponse[] = "dGltIGI5MTNhNjAyYzdlZGE3YTQ5NWI0ZTZlNzMzNGQzODkw\r\n";
+inline constexpr char kPlainCommand[] = "AUTH PLAIN dGltAHRpbQB0YW5zdGFhZnRhbnN0YWFm\r\n";
+
 inline AuthCertInfo credentials(unsigned int mechanisms, const char* user, const char* password) {
     AuthCertInfo cert;
     std::memset(&cert, 0, sizeof cert);
