@@ -7,6 +7,7 @@
 #pragma once
 
 #include "kemail.h"
+#include "util/utf8_sequence.h"
 
 #include <iconv.h>
 #include <langinfo.h>
@@ -46,35 +47,12 @@ inline bool is_ascii(const std::string& text) {
     return true;
 }
 
-// Well-formed UTF-8 (RFC 3629: no overlong forms, no surrogates, at most
-// U+10FFFF).
+// Well-formed UTF-8, by the library's own rule.
 inline bool is_utf8(const std::string& text) {
     const auto* p = reinterpret_cast<const unsigned char*>(text.data());
-    const size_t n = text.size();
-    for (size_t i = 0; i < n;) {
-        const unsigned char lead = p[i];
-        size_t length;
-        unsigned char low = 0x80, high = 0xBF;
-        if (lead < 0x80) {
-            ++i;
-            continue;
-        } else if (lead >= 0xC2 && lead <= 0xDF) {
-            length = 2;
-        } else if (lead >= 0xE0 && lead <= 0xEF) {
-            length = 3;
-            if (lead == 0xE0) low = 0xA0;
-            if (lead == 0xED) high = 0x9F;
-        } else if (lead >= 0xF0 && lead <= 0xF4) {
-            length = 4;
-            if (lead == 0xF0) low = 0x90;
-            if (lead == 0xF4) high = 0x8F;
-        } else {
-            return false;
-        }
-        if (n - i < length || p[i + 1] < low || p[i + 1] > high) return false;
-        for (size_t k = 2; k < length; ++k) {
-            if (p[i + k] < 0x80 || p[i + k] > 0xBF) return false;
-        }
+    for (size_t i = 0, n = text.size(); i < n;) {
+        const size_t length = kemail::utf8_sequence_length(p + i, n - i);
+        if (length == 0) return false;
         i += length;
     }
     return true;

@@ -1,5 +1,7 @@
 #include "compose/utf8_input.h"
 
+#include "util/utf8_sequence.h"
+
 #include <iconv.h>
 
 #include <cerrno>
@@ -7,35 +9,6 @@
 
 namespace kemail {
 namespace {
-
-// Length of the well-formed UTF-8 sequence at text[0, available), or 0 when
-// it is not one (RFC 3629: no overlong forms, no surrogates, at most
-// U+10FFFF).
-size_t sequence_length(const unsigned char* text, size_t available) {
-    const unsigned char lead = text[0];
-    size_t length;
-    unsigned char low = 0x80, high = 0xBF;
-    if (lead < 0x80) return 1;
-    if (lead >= 0xC2 && lead <= 0xDF) {
-        length = 2;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-        length = 3;
-        if (lead == 0xE0) low = 0xA0;
-        if (lead == 0xED) high = 0x9F;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-        length = 4;
-        if (lead == 0xF0) low = 0x90;
-        if (lead == 0xF4) high = 0x8F;
-    } else {
-        return 0;
-    }
-    if (available < length) return 0;
-    if (text[1] < low || text[1] > high) return 0;
-    for (size_t i = 2; i < length; ++i) {
-        if (text[i] < 0x80 || text[i] > 0xBF) return 0;
-    }
-    return length;
-}
 
 class Converter {
 public:
@@ -64,7 +37,7 @@ struct Step {
 
 Step next_character(const Converter& converter, const unsigned char* in, size_t left) {
     Step step{};
-    const size_t char_length = sequence_length(in, left);
+    const size_t char_length = utf8_sequence_length(in, left);
     if (char_length != 0) {
         char* in_ptr = const_cast<char*>(reinterpret_cast<const char*>(in));
         size_t in_left = char_length;
