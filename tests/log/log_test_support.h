@@ -54,23 +54,11 @@ inline long file_size(const std::string& path) {
     return ::stat(path.c_str(), &status) == 0 ? static_cast<long>(status.st_size) : -1;
 }
 
-// The names in a directory, sorted, without "." and "..".
-inline std::vector<std::string> list_dir(const std::string& dir) {
-    std::vector<std::string> names;
-    if (DIR* stream = ::opendir(dir.c_str())) {
-        while (struct dirent* entry = ::readdir(stream)) {
-            const std::string name = entry->d_name;
-            if (name != "." && name != "..") names.push_back(name);
-        }
-        ::closedir(stream);
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
+using kemail_test::files_in;
 
 // Empties a directory of the private root (files and empty directories).
 inline void clear_dir(const std::string& dir) {
-    for (const std::string& name : list_dir(dir)) {
+    for (const std::string& name : files_in(dir)) {
         const std::string path = dir + "/" + name;
         if (::unlink(path.c_str()) != 0) ::rmdir(path.c_str());
     }

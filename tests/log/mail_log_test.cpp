@@ -18,7 +18,7 @@ namespace {
 using kemail_test::read_file;
 using kemail_test::write_file;
 using log_test::exists;
-using log_test::list_dir;
+using log_test::files_in;
 using log_test::log_dir;
 using log_test::matches;
 using log_test::set_mtime;
@@ -175,14 +175,14 @@ TEST_F(MailLog, SmallFileIsAppendedToSessionAfterSession) {
     EXPECT_TRUE(matches(read_file(current_log()), session(kTime + "S: QUIT 0\r\n") +
                                                       session(kTime + "S: QUIT 1\r\n") +
                                                       session(kTime + "S: QUIT 2\r\n")));
-    EXPECT_EQ(list_dir(log_dir()),
+    EXPECT_EQ(files_in(log_dir()),
               std::vector<std::string>{"kesmtp" + std::to_string(getpid()) + ".log"});
 }
 
 TEST_F(MailLog, LogNumZeroTurnsTheLogOff) {
     TraceConf conf("[LOG]\nLOGNUM=0\n");
     EXPECT_EQ(MailLogOpen(0), nullptr);
-    EXPECT_EQ(list_dir(log_dir()), std::vector<std::string>{});
+    EXPECT_EQ(files_in(log_dir()), std::vector<std::string>{});
 }
 
 TEST_F(MailLog, OutOfRangeValuesFallBackToTwenty) {
@@ -252,7 +252,7 @@ TEST_F(MailLog, RotationShiftsEveryGenerationAndDropsTheOldest) {
     EXPECT_EQ(read_file(path + "4"), "generation 3");
     EXPECT_FALSE(exists(path + "5"));
     EXPECT_TRUE(matches(read_file(path), session("")));
-    EXPECT_EQ(list_dir(log_dir()).size(), 5u);
+    EXPECT_EQ(files_in(log_dir()).size(), 5u);
 }
 
 TEST_F(MailLog, RotationWithGapsMovesWhatExists) {
@@ -291,7 +291,7 @@ TEST_F(MailLog, OldLogsOfAllProcessesCountTowardsLogNum) {
                                          "kesmtp" + std::to_string(getpid()) + ".log",
                                          "unrelated.log"};
     std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(list_dir(log_dir()), expected);
+    EXPECT_EQ(files_in(log_dir()), expected);
     EXPECT_EQ(read_file(current_log()).substr(0, 5), "small");
 }
 
@@ -310,7 +310,7 @@ TEST_F(MailLog, OldLogsMakeRoomForANewFile) {
                                          "kesmtp99906.log",
                                          "kesmtp" + std::to_string(getpid()) + ".log"};
     std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(list_dir(log_dir()), expected);
+    EXPECT_EQ(files_in(log_dir()), expected);
 }
 
 // The log directory is replaced for the test and put back afterwards.

@@ -18,7 +18,7 @@ namespace {
 
 using kemail_test::TempDir;
 using kemail_test::write_file;
-using log_test::list_dir;
+using log_test::files_in;
 using log_test::set_mtime;
 using log_test::trace_dir;
 
@@ -59,14 +59,14 @@ protected:
 TEST_F(OldFiles, KeepFiveLeavesTheFourNewest) {
     make_files();
     EXPECT_EQ(DeleteOldFiles(0, "acert", 5, 1), 0);
-    EXPECT_EQ(list_dir(trace_dir()),
+    EXPECT_EQ(files_in(trace_dir()),
               with_others({"acert4.trc", "acert5.trc", "acert6.trc", "acert7.trc"}));
 }
 
 TEST_F(OldFiles, KeepTwoLeavesTheNewest) {
     make_files();
     EXPECT_EQ(DeleteOldFiles(0, "acert", 2, 1), 0);
-    EXPECT_EQ(list_dir(trace_dir()), with_others({"acert7.trc"}));
+    EXPECT_EQ(files_in(trace_dir()), with_others({"acert7.trc"}));
 }
 
 TEST_F(OldFiles, KeepOneOrZeroDeletesEveryMatchingFile) {
@@ -74,20 +74,20 @@ TEST_F(OldFiles, KeepOneOrZeroDeletesEveryMatchingFile) {
         log_test::clear_dir(trace_dir());
         make_files();
         EXPECT_EQ(DeleteOldFiles(0, "acert", keep, 2), 0);
-        EXPECT_EQ(list_dir(trace_dir()), with_others({})) << keep;
+        EXPECT_EQ(files_in(trace_dir()), with_others({})) << keep;
     }
 }
 
 TEST_F(OldFiles, KeepingMoreThanThereAreDeletesNothing) {
     make_files();
     EXPECT_EQ(DeleteOldFiles(0, "acert", 8, 1), 0);
-    EXPECT_EQ(list_dir(trace_dir()).size(), 7 + others().size());
+    EXPECT_EQ(files_in(trace_dir()).size(), 7 + others().size());
 }
 
 TEST_F(OldFiles, LevelZeroTouchesNothing) {
     make_files();
     EXPECT_EQ(DeleteOldFiles(0, "acert", 1, 0), 0);
-    EXPECT_EQ(list_dir(trace_dir()).size(), 7 + others().size());
+    EXPECT_EQ(files_in(trace_dir()).size(), 7 + others().size());
     EXPECT_EQ(DeleteOldFiles_DIR("/no/such/dir", "acert", "trc", 1, 0), 0);
 }
 
@@ -98,7 +98,7 @@ TEST_F(OldFiles, ExtensionIsNotLookedAt) {
     EXPECT_EQ(DeleteOldFiles(0, "acert", 8, 1), 0);
     // Eight matching files, keep 8: the oldest one, acert.log, goes.
     EXPECT_FALSE(log_test::exists(trace_dir() + "/acert.log"));
-    EXPECT_EQ(list_dir(trace_dir()).size(), 7 + others().size());
+    EXPECT_EQ(files_in(trace_dir()).size(), 7 + others().size());
 }
 
 TEST_F(OldFiles, FilesOfEqualAgeAreAllCounted) {
@@ -107,7 +107,7 @@ TEST_F(OldFiles, FilesOfEqualAgeAreAllCounted) {
         set_mtime(trace_dir() + "/" + name, 5000);
     }
     EXPECT_EQ(DeleteOldFiles(0, "acert", 3, 1), 0);
-    EXPECT_EQ(list_dir(trace_dir()).size(), 2u);
+    EXPECT_EQ(files_in(trace_dir()).size(), 2u);
 }
 
 // A directory left alone for a while, whose last listing found nothing to
@@ -122,22 +122,22 @@ TEST_F(OldFiles, QuietDirectoryStillSeesNewFilesAndSmallerKeepCounts) {
     set_mtime(trace_dir(), 2000000);  // unchanged for long
     for (int round = 0; round < 2; ++round) {
         EXPECT_EQ(DeleteOldFiles(0, "acert", 5, 1), 0);
-        EXPECT_EQ(list_dir(trace_dir()).size(), 3u) << round;
+        EXPECT_EQ(files_in(trace_dir()).size(), 3u) << round;
     }
     // Keep 2 in the same, unchanged directory: the two oldest go.
     EXPECT_EQ(DeleteOldFiles(0, "acert", 2, 1), 0);
-    EXPECT_EQ(list_dir(trace_dir()), std::vector<std::string>{"acert3.trc"});
+    EXPECT_EQ(files_in(trace_dir()), std::vector<std::string>{"acert3.trc"});
 
     set_mtime(trace_dir(), 2000000);
     EXPECT_EQ(DeleteOldFiles(0, "acert", 5, 1), 0);
-    EXPECT_EQ(list_dir(trace_dir()), std::vector<std::string>{"acert3.trc"});
+    EXPECT_EQ(files_in(trace_dir()), std::vector<std::string>{"acert3.trc"});
     for (int age : {4, 5, 6, 7, 8}) {
         const std::string path = trace_dir() + "/acert" + std::to_string(age) + ".trc";
         write_file(path, "x");
         set_mtime(path, 1000000 + age * 100);
     }
     EXPECT_EQ(DeleteOldFiles(0, "acert", 5, 1), 0);
-    EXPECT_EQ(list_dir(trace_dir()),
+    EXPECT_EQ(files_in(trace_dir()),
               (std::vector<std::string>{"acert5.trc", "acert6.trc", "acert7.trc", "acert8.trc"}));
 }
 
@@ -168,7 +168,7 @@ size_t files_left_after_a_hidden_change(const struct timespec& dir_time) {
     }
     set_dir_time(dir_time);
     EXPECT_EQ(DeleteOldFiles(0, "acert", 4, 1), 0);
-    EXPECT_EQ(list_dir(trace_dir()).size(), 3u);
+    EXPECT_EQ(files_in(trace_dir()).size(), 3u);
     for (int age : {4, 5}) {
         const std::string path = trace_dir() + "/acert" + std::to_string(age) + ".trc";
         write_file(path, "x");
@@ -176,7 +176,7 @@ size_t files_left_after_a_hidden_change(const struct timespec& dir_time) {
     }
     set_dir_time(dir_time);
     EXPECT_EQ(DeleteOldFiles(0, "acert", 4, 1), 0);
-    return list_dir(trace_dir()).size();
+    return files_in(trace_dir()).size();
 }
 
 // Times finer than a millisecond: the file system stamps with the kernel's
@@ -189,7 +189,7 @@ TEST_F(OldFiles, ADirectoryUnchangedSinceAnEarlierTickIsNotListedAgain) {
     earlier.tv_nsec += 1;
     set_dir_time(earlier);
     EXPECT_EQ(DeleteOldFiles(0, "acert", 4, 1), 0);
-    EXPECT_EQ(list_dir(trace_dir()),
+    EXPECT_EQ(files_in(trace_dir()),
               (std::vector<std::string>{"acert3.trc", "acert4.trc", "acert5.trc"}));
 }
 
@@ -219,13 +219,13 @@ TEST_F(OldFiles, LinkWhoseTargetBecomesAFileCounts) {
     ASSERT_EQ(::symlink(target.c_str(), (trace_dir() + "/acert2.trc").c_str()), 0);
     set_mtime(trace_dir(), 2000000);
     EXPECT_EQ(DeleteOldFiles(0, "acert", 2, 1), 0);  // the link names a directory: one file
-    EXPECT_EQ(list_dir(trace_dir()), (std::vector<std::string>{"acert1.trc", "acert2.trc"}));
+    EXPECT_EQ(files_in(trace_dir()), (std::vector<std::string>{"acert1.trc", "acert2.trc"}));
 
     ASSERT_EQ(::rmdir(target.c_str()), 0);
     write_file(target, "y");
     set_mtime(target, 3000000);
     EXPECT_EQ(DeleteOldFiles(0, "acert", 2, 1), 0);  // two files now: the older goes
-    EXPECT_EQ(list_dir(trace_dir()), std::vector<std::string>{"acert2.trc"});
+    EXPECT_EQ(files_in(trace_dir()), std::vector<std::string>{"acert2.trc"});
 }
 
 TEST(OldFilesDir, MissingOrNonDirectoryIsMinusOne) {
@@ -244,7 +244,7 @@ TEST(OldFilesDir, WorksOnAnyDirectoryAndPrefix) {
         set_mtime(path, 2000000 + i);
     }
     EXPECT_EQ(DeleteOldFiles_DIR(dir.path().c_str(), "kesmtp", "log", 3, 1), 0);
-    EXPECT_EQ(list_dir(dir.path()), (std::vector<std::string>{"kesmtp3.log", "kesmtp4.log"}));
+    EXPECT_EQ(files_in(dir.path()), (std::vector<std::string>{"kesmtp3.log", "kesmtp4.log"}));
 }
 
 TEST(OldFilesDir, DanglingSymlinkIsNoRegularFile) {
@@ -252,7 +252,7 @@ TEST(OldFilesDir, DanglingSymlinkIsNoRegularFile) {
     ASSERT_EQ(::symlink("/nonexistent/target", dir.file("acert-link").c_str()), 0);
     write_file(dir.file("acert1"), "x");
     EXPECT_EQ(DeleteOldFiles_DIR(dir.path().c_str(), "acert", "trc", 0, 1), 0);
-    EXPECT_EQ(list_dir(dir.path()), std::vector<std::string>{"acert-link"});
+    EXPECT_EQ(files_in(dir.path()), std::vector<std::string>{"acert-link"});
 }
 
 }  // namespace

@@ -203,7 +203,7 @@ TEST(TraceSetUp, ConfiguredRingReplacesTheOldestFiles) {
     const std::string own = std::string(name).substr(dir.size() + 1);
     std::vector<std::string> expected = {"acert90003-1.trc", "acert90004-1.trc", own};
     std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(log_test::list_dir(dir), expected);
+    EXPECT_EQ(log_test::files_in(dir), expected);
     EXPECT_EQ(kemail_test::read_file(name).substr(16, 16), "SNDEMAIL0000EEEE");
     log_test::clear_dir(dir);
 }

@@ -18,7 +18,7 @@ using kemail_test::read_file;
 using kemail_test::TempDir;
 using kemail_test::write_file;
 using log_test::exists;
-using log_test::list_dir;
+using log_test::files_in;
 using log_test::word_at;
 using log_test::write_ring;
 
@@ -64,7 +64,7 @@ TEST(TraceOpen, FileGetsMode0644AndNoTemporaryFileStays) {
     struct stat status;
     ASSERT_EQ(::stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0644u);
-    EXPECT_EQ(list_dir(dir.path()), std::vector<std::string>{"mode.trc"});
+    EXPECT_EQ(files_in(dir.path()), std::vector<std::string>{"mode.trc"});
 
     ASSERT_EQ(::chmod(path.c_str(), 0600), 0);
     handle = Topen(path.c_str(), 5, 1);
@@ -80,7 +80,7 @@ TEST(TraceOpen, BareNameIsSizedInTheWorkingDirectory) {
     ASSERT_NE(::getcwd(old_dir, sizeof old_dir), nullptr);
     ASSERT_EQ(::chdir(dir.path().c_str()), 0);
     TraceHandle* handle = Topen("bare.trc", 5, 1);
-    const std::vector<std::string> names = list_dir(".");
+    const std::vector<std::string> names = files_in(".");
     ASSERT_EQ(::chdir(old_dir), 0);
     ASSERT_NE(handle, nullptr);
     EXPECT_EQ(Tclose(handle), 0);
@@ -131,7 +131,7 @@ TEST(TraceOpen, ReopenLeavesTheBytesAndMarksTheFileModifiedNow) {
     struct stat status;
     ASSERT_EQ(::stat(path.c_str(), &status), 0);
     EXPECT_GE(status.st_mtime, ::time(nullptr) - 60);
-    EXPECT_EQ(list_dir(dir.path()), std::vector<std::string>{"old.trc"});
+    EXPECT_EQ(files_in(dir.path()), std::vector<std::string>{"old.trc"});
 }
 
 TEST(TraceOpen, SmallerFileGrowsAndKeepsItsBytes) {
@@ -263,11 +263,11 @@ TEST(TraceOpen, FailsWithoutAFileAndLeavesNothingBehind) {
     EXPECT_EQ(Topen(dir.file("missing/x.trc").c_str(), 5, 1), nullptr);
     EXPECT_EQ(Topen("", 5, 1), nullptr);
     EXPECT_EQ(Topen(nullptr, 5, 1), nullptr);
-    EXPECT_EQ(list_dir(dir.path()), std::vector<std::string>{});
+    EXPECT_EQ(files_in(dir.path()), std::vector<std::string>{});
     // A directory is no trace file.
     ASSERT_EQ(::mkdir(dir.file("adir").c_str(), 0755), 0);
     EXPECT_EQ(Topen(dir.file("adir").c_str(), 5, 1), nullptr);
-    EXPECT_EQ(list_dir(dir.path()), std::vector<std::string>{"adir"});
+    EXPECT_EQ(files_in(dir.path()), std::vector<std::string>{"adir"});
 
     // Tracing still works after the failures.
     TraceHandle* handle = Topen(dir.file("after.trc").c_str(), 5, 1);

@@ -1,4 +1,5 @@
 #include "reliability/mail_server.h"
+#include "support/script_server.h"
 
 #include <cerrno>
 #include <chrono>
@@ -18,60 +19,17 @@ namespace reliability {
 
 namespace {
 
+using kemail_test::send_whole;
+using kemail_test::starts_with_word;
+
 [[noreturn]] void die(const char* what) {
     std::fprintf(stderr, "mail_server: %s: %s\n", what, std::strerror(errno));
     std::abort();
 }
 
-bool send_all(int fd, const char* text, size_t left) {
-    while (left > 0) {
-        const ssize_t n = ::send(fd, text, left, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        text += n;
-        left -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
-bool starts_with_word(const std::string& line, const char* word) {
-    const size_t n = std::strlen(word);
-    if (line.size() < n) return false;
-    for (size_t i = 0; i < n; ++i) {
-        char c = line[i];
-        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-        if (c != word[i]) return false;
-    }
-    return true;
-}
-
-std::string mask_after(std::string data, const std::string& prefix, const std::string& terminator,
-                       const std::string& replacement) {
-    for (size_t at = data.find(prefix); at != std::string::npos;
-         at = data.find(prefix, at + prefix.size() + replacement.size())) {
-        const size_t start = at + prefix.size();
-        const size_t end = data.find(terminator, start);
-        if (end == std::string::npos) break;
-        data.replace(start, end - start, replacement);
-    }
-    return data;
-}
-
 constexpr char kEndMark[] = "\r\n.\r\n";
 
 }  // namespace
-
-std::string mask_mail(std::string data) {
-    data = mask_after(std::move(data), "Date: ", "\r\n", "<date>");
-    data = mask_after(std::move(data), "Message-Id: <", ">\r\n", "<id>");
-    for (size_t at = data.find("ZvLunt"); at != std::string::npos;
-         at = data.find("ZvLunt", at + 6)) {
-        const std::string digits = data.substr(at + 6, 10);
-        if (digits.size() == 10 && digits.find_first_not_of("0123456789") == std::string::npos)
-            data.replace(at + 6, 10, "<time>");
-    }
-    return mask_after(std::move(data), "\tid=\"", "\"", "<partial-id>");
-}
 
 struct MailServer::Conn {
     int fd = -1;
@@ -156,9 +114,7 @@ bool MailServer::reply(Conn& c, const std::string& text) {
             case Fault::Delay:
                 std::this_thread::sleep_for(std::chrono::milliseconds(fault.delay_ms));
                 break;
-            case Fault::Cut:
-                send_all(c.fd, answer.data(), answer.size() > 2 ? 2 : answer.size());
-                return false;
+            case Fault::Cut: send_whole(c.fd, std::string_view(answer).substr(0, 2)); return false;
             case Fault::None: break;
         }
     }
@@ -166,7 +122,7 @@ bool MailServer::reply(Conn& c, const std::string& text) {
         std::lock_guard lock(mutex_);
         last_reply_ = answer;
     }
-    return send_all(c.fd, answer.data(), answer.size());
+    return send_whole(c.fd, answer);
 }
 
 bool MailServer::handle_input(Conn& c) {

@@ -69,8 +69,4 @@ private:
     std::thread thread_;
 };
 
-// Masks what changes from one composition of a mail to the next: the Date
-// and Message-Id values, the boundary's time and the partial id.
-std::string mask_mail(std::string data);
-
 }  // namespace reliability

@@ -5,8 +5,9 @@
 
 #include "kemail.h"
 #include "reliability/mail_server.h"
+#include "support/mail_masks.h"
+#include "support/temp_dir.h"
 
-#include <dirent.h>
 #include <unistd.h>
 
 #include <optional>
@@ -43,21 +44,8 @@ struct Request {
     }
 };
 
-inline std::vector<std::string> files_in(const std::string& dir) {
-    std::vector<std::string> names;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d)) {
-            const std::string name = e->d_name;
-            if (name != "." && name != "..") names.push_back(name);
-        }
-        closedir(d);
-    }
-    return names;
-}
-
-// Descriptors open in this process (the listing's own one included, so two
-// counts compare equal).
-inline size_t open_descriptors() { return files_in("/proc/self/fd").size(); }
+using kemail_test::files_in;
+using kemail_test::open_descriptors;
 
 inline const std::string kWorkDir = "/var/opt/QRZNvolta/tmp";
 inline const std::string kTraceDir = "/var/opt/QRZNvolta/tmp2";
@@ -90,7 +78,7 @@ inline std::string compare_mail(const std::vector<std::string>& accepted,
         return "server accepted " + std::to_string(accepted.size()) + " messages, " +
                std::to_string(expected.size()) + " composed";
     for (size_t i = 0; i < accepted.size(); ++i) {
-        const std::string got = mask_mail(accepted[i]);
+        const std::string got = kemail_test::mask_variable(accepted[i]);
         if (got != expected[i]) {
             size_t at = 0;
             while (at < got.size() && at < expected[i].size() && got[at] == expected[i][at]) ++at;
@@ -107,7 +95,7 @@ inline std::string compare_mail(const std::vector<std::string>& accepted,
 
 inline std::vector<std::string> masked(const std::vector<std::string>& messages) {
     std::vector<std::string> out;
-    for (const std::string& m : messages) out.push_back(mask_mail(m));
+    for (const std::string& m : messages) out.push_back(kemail_test::mask_variable(m));
     return out;
 }
 

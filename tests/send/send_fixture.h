@@ -3,12 +3,12 @@
 #pragma once
 
 #include "kemail.h"
+#include "support/mail_masks.h"
 #include "support/script_server.h"
 #include "support/temp_dir.h"
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -19,6 +19,10 @@
 
 namespace send_test {
 
+using kemail_test::files_in;
+using kemail_test::mask_after;
+using kemail_test::mask_variable;
+using kemail_test::open_descriptors;
 using kemail_test::Script;
 using kemail_test::ScriptServer;
 
@@ -109,48 +113,7 @@ inline Script whole_mail_script() {
 // The work directory of ZvKe_SendEMail in the private test root.
 inline std::string work_dir() { return kemail_test::var_dir() + "/tmp"; }
 
-inline std::vector<std::string> files_in(const std::string& dir) {
-    std::vector<std::string> names;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d)) {
-            const std::string name = e->d_name;
-            if (name != "." && name != "..") names.push_back(name);
-        }
-        closedir(d);
-    }
-    return names;
-}
-
 inline bool file_exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
-
-// Replaces what follows each occurrence of prefix, up to (not including) the
-// next terminator, by replacement.
-inline std::string mask_after(std::string data, const std::string& prefix,
-                              const std::string& terminator, const std::string& replacement) {
-    for (size_t at = data.find(prefix); at != std::string::npos;
-         at = data.find(prefix, at + prefix.size() + replacement.size())) {
-        const size_t start = at + prefix.size();
-        const size_t end = data.find(terminator, start);
-        if (end == std::string::npos) break;
-        data.replace(start, end - start, replacement);
-    }
-    return data;
-}
-
-// Masks the values that change from run to run: the Date and Message-Id
-// header values, the multipart boundary's time and the partial id.
-inline std::string mask_variable(std::string data) {
-    data = mask_after(std::move(data), "Date: ", "\r\n", "<date>");
-    data = mask_after(std::move(data), "Message-Id: <", ">\r\n", "id");
-    for (size_t at = data.find("ZvLunt"); at != std::string::npos;
-         at = data.find("ZvLunt", at + 6)) {
-        const std::string digits = data.substr(at + 6, 10);  // the time in the boundary
-        if (digits.size() == 10 && digits.find_first_not_of("0123456789") == std::string::npos)
-            data.replace(at + 6, 10, "<time>");
-    }
-    data = mask_after(std::move(data), "\tid=\"", "\"", "<partial-id>");
-    return data;
-}
 
 // Every send test starts and ends with an empty work directory.
 class SendTest : public ::testing::Test {

@@ -13,8 +13,6 @@ namespace {
 using kemail_test::SmtpSink;
 using kemail_test::TempDir;
 
-size_t open_descriptors() { return files_in("/proc/self/fd").size(); }
-
 class SendResources : public SendTest {};
 
 TEST_F(SendResources, KindFourIsDeletedAfterASuccessfulQuitAndKindThreeKept) {

@@ -436,12 +436,11 @@ bool SmtpSink::wait_all_closed() const {
     return true;
 }
 
-namespace {
-
-bool send_text(int fd, const char* text) {
-    size_t left = std::strlen(text);
+bool send_whole(int fd, std::string_view bytes) {
+    const char* text = bytes.data();
+    size_t left = bytes.size();
     while (left > 0) {
-        ssize_t n = ::send(fd, text, left, MSG_NOSIGNAL);
+        const ssize_t n = ::send(fd, text, left, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return false;
         text += n;
@@ -451,7 +450,7 @@ bool send_text(int fd, const char* text) {
 }
 
 bool starts_with_word(const std::string& line, const char* word) {
-    size_t n = std::strlen(word);
+    const size_t n = std::strlen(word);
     if (line.size() < n) return false;
     for (size_t i = 0; i < n; ++i) {
         char c = line[i];
@@ -461,11 +460,9 @@ bool starts_with_word(const std::string& line, const char* word) {
     return true;
 }
 
-}  // namespace
-
 void SmtpSink::serve(int fd) {
     static const char kEnd[] = "\r\n.\r\n";
-    if (!send_text(fd, "220 sink ESMTP\r\n")) return;
+    if (!send_whole(fd, "220 sink ESMTP\r\n")) return;
     std::string line;
     bool in_data = false;
     size_t matched = 0;  // bytes of kEnd matched so far while in data
@@ -486,7 +483,7 @@ void SmtpSink::serve(int fd) {
                 if (matched == sizeof kEnd - 1) {
                     in_data = false;
                     ++messages_;
-                    if (!send_text(fd, "250 OK\r\n")) return;
+                    if (!send_whole(fd, "250 OK\r\n")) return;
                 }
                 continue;
             }
@@ -505,7 +502,7 @@ void SmtpSink::serve(int fd) {
                 quit = true;
             }
             line.clear();
-            if (!send_text(fd, reply) || quit) return;
+            if (!send_whole(fd, reply) || quit) return;
         }
     }
 }

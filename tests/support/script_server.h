@@ -176,6 +176,12 @@ private:
     uint16_t port_ = 0;
 };
 
+// For the servers the tests write themselves: sends all of bytes (EINTR
+// retried, no SIGPIPE); false when the peer took no more.
+bool send_whole(int fd, std::string_view bytes);
+// True when line starts with word (capital letters), in any letter case.
+bool starts_with_word(const std::string& line, const char* word);
+
 // A do-nothing SMTP server for benchmarks and bulk tests: accepts any number of
 // connections one after the other, greets with "220 sink ESMTP\r\n", answers
 // EHLO with "250-sink\r\n250 8BITMIME\r\n", DATA with "354 go ahead\r\n" and

@@ -1,11 +1,13 @@
 #include "support/temp_dir.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 
+#include <dirent.h>
 #include <unistd.h>
 
 namespace kemail_test {
@@ -35,6 +37,21 @@ void write_file(const std::string& path, const std::string& bytes) {
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     if (!out) throw std::runtime_error("cannot write " + path);
 }
+
+std::vector<std::string> files_in(const std::string& dir) {
+    std::vector<std::string> names;
+    if (DIR* stream = ::opendir(dir.c_str())) {
+        while (const dirent* entry = ::readdir(stream)) {
+            const std::string name = entry->d_name;
+            if (name != "." && name != "..") names.push_back(name);
+        }
+        ::closedir(stream);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+size_t open_descriptors() { return files_in("/proc/self/fd").size(); }
 
 std::string etc_dir() { return "/etc/opt/QRZNvolta"; }
 std::string var_dir() { return "/var/opt/QRZNvolta"; }
