@@ -20,7 +20,6 @@
 namespace send_test {
 
 using kemail_test::files_in;
-using kemail_test::mask_after;
 using kemail_test::mask_variable;
 using kemail_test::open_descriptors;
 using kemail_test::Script;
